@@ -1,0 +1,72 @@
+# What all targets of this project have in common. Nothing here reaches users of the libraries.
+
+# qev_settings(target): language level, warnings, sanitizers and visibility of one of our targets.
+function(qev_settings target)
+    target_compile_features(${target} PRIVATE cxx_std_17)
+    set_target_properties(
+        ${target}
+        PROPERTIES CXX_EXTENSIONS OFF
+                   CXX_VISIBILITY_PRESET hidden
+                   VISIBILITY_INLINES_HIDDEN ON)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+    if(QEV_WARNINGS_AS_ERRORS)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+    if(QEV_SANITIZERS)
+        target_compile_options(${target} PRIVATE -fsanitize=${QEV_SANITIZERS}
+                                                 -fno-omit-frame-pointer -fno-sanitize-recover=all)
+        target_link_options(${target} PRIVATE -fsanitize=${QEV_SANITIZERS})
+    endif()
+    if(QEV_COVERAGE)
+        target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
+        target_link_options(${target} PRIVATE --coverage)
+    endif()
+endfunction()
+
+# qev_library(name VERSION_SCRIPT file SOURCES ... HEADERS ...): the shared library
+# libqev_<name>.so, exported as qev::<name>, and its static twin qev_<name>_static of the same
+# objects, for tests of what the library keeps to itself. Both take what is linked to
+# qev_<name>_objects.
+function(qev_library name)
+    cmake_parse_arguments(arg "" "VERSION_SCRIPT" "SOURCES;HEADERS" ${ARGN})
+    set(objects qev_${name}_objects)
+    add_library(${objects} OBJECT ${arg_SOURCES})
+    qev_settings(${objects})
+    set_target_properties(${objects} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    target_include_directories(${objects} PRIVATE include src)
+
+    add_library(qev_${name} SHARED)
+    add_library(qev::${name} ALIAS qev_${name})
+    set_target_properties(
+        qev_${name}
+        PROPERTIES VERSION ${PROJECT_VERSION}
+                   SOVERSION ${PROJECT_VERSION_MAJOR}
+                   EXPORT_NAME ${name}
+                   LINKER_LANGUAGE CXX)
+    if(arg_VERSION_SCRIPT)
+        set(script ${CMAKE_CURRENT_SOURCE_DIR}/${arg_VERSION_SCRIPT})
+        target_link_options(qev_${name} PRIVATE -Wl,--version-script=${script})
+        set_target_properties(qev_${name} PROPERTIES LINK_DEPENDS ${script})
+    endif()
+    target_link_options(qev_${name} PRIVATE -Wl,--no-undefined -Wl,--as-needed)
+
+    add_library(qev_${name}_static STATIC)
+    set_target_properties(qev_${name}_static PROPERTIES LINKER_LANGUAGE CXX)
+    target_include_directories(qev_${name}_static
+                               INTERFACE $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/src>)
+
+    foreach(library qev_${name} qev_${name}_static)
+        qev_settings(${library})
+        target_sources(${library} PRIVATE $<TARGET_OBJECTS:${objects}>)
+        target_compile_features(${library} INTERFACE cxx_std_17)
+        target_include_directories(
+            ${library} INTERFACE $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+                                 $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/qev>)
+    endforeach()
+    list(TRANSFORM arg_HEADERS PREPEND include/)
+    install(FILES ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qev)
+    install(
+        TARGETS qev_${name}
+        EXPORT qev_SharedMemoryTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endfunction()

@@ -1,0 +1,101 @@
+// Reading records in place, handing their bytes on, and telling the ring's state.
+
+#include <gsl/util>
+#include <sstream>
+#include <string>
+
+#include "LogClient.h"
+#include "SharedBuffer.h"
+#include "SharedBufferLog.h"
+
+namespace qel {
+
+using std::to_string;
+
+ReadResult SharedBuffer::DoReadData(std::uint64_t index, std::uint64_t length) {
+    const std::uint64_t size = ShmSize();
+    if (index > size) {
+        SetError("DoReadData",
+                 " Invalid Read Index: " + to_string(index) + " Size: " + to_string(size));
+        return {{}, SMStatusCode::INVALID_PARAMETER};
+    }
+    if (length > size) {
+        SetError("DoReadData",
+                 " Invalid Read Length: " + to_string(length) + " Size: " + to_string(size));
+        return {{}, SMStatusCode::INVALID_PARAMETER};
+    }
+    if (index + length >= size) {
+        return {dataArea_->subspan(index), SMStatusCode::SUCCESS};
+    }
+    return {dataArea_->subspan(index, length), SMStatusCode::SUCCESS};
+}
+
+ReadResult SharedBuffer::DoReadHeader(std::uint64_t length) {
+    pendingHeaderLength_ = 0;
+    // Pairs with the previous node's add: bytes that are counted here have been written.
+    if (gsl::at(control_->avail, nodeIdx_).load() < length) {
+        return {{}, SMStatusCode::DATA_NOT_AVAILABLE};
+    }
+    const ReadResult header = ReadData(gsl::at(control_->rIdx, nodeIdx_).load(), length);
+    if (header.status != SMStatusCode::SUCCESS) {
+        return {{}, header.status};
+    }
+    pendingHeaderLength_ = length;
+    return header;
+}
+
+PayloadResult SharedBuffer::DoReadPayload(std::uint64_t length) {
+    const std::uint64_t recordLength = pendingHeaderLength_ + length;
+    // Pairs with the previous node's add, as in DoReadHeader.
+    const std::uint64_t available = gsl::at(control_->avail, nodeIdx_).load();
+    if (recordLength > available) {
+        SetError("DoReadPayload", " Trying to read " + to_string(length) + " bytes, but only " +
+                                      to_string(available) + " bytes available to read");
+        return {{}, 0, SMStatusCode::DATA_NOT_AVAILABLE};
+    }
+    const std::uint64_t position =
+        Wrap(gsl::at(control_->rIdx, nodeIdx_).load() + pendingHeaderLength_);
+    const ReadResult payload = ReadData(position, length);
+    Consume(recordLength);
+    return {payload.data, position, payload.status};
+}
+
+SMStatusCode SharedBuffer::DoReleaseData(std::uint64_t size, std::uint32_t count) {
+    bool clamped = false;
+    if (sink_) {
+        clamped = IncreaseAvailableSize(size, 0);
+        clamped = DecrementPackets(count) || clamped;
+    } else {
+        clamped = IncreaseAvailableSize(size, static_cast<std::uint8_t>(nodeIdx_ + 1));
+    }
+    return clamped ? SMStatusCode::INVALID_PARAMETER : SMStatusCode::SUCCESS;
+}
+
+void SharedBuffer::DoPrint(LogLevel level) {
+    namespace log = shared_buffer_log;
+    if (!LogClient::LevelIsEnabled(level)) {
+        return;
+    }
+    std::ostringstream text;
+    text << " {" << shmName_ << "} my node index " << unsigned{nodeIdx_} << '\n'
+         << " Error String: " << errorString_ << '\n';
+    errorString_.clear();
+    for (std::size_t node = 0; node < kMaxNodes; ++node) {
+        // Loaded one by one, for information: the lines are no consistent snapshot.
+        text << "  Node[" << node << "]: wIdx=" << gsl::at(control_->wIdx, node).load()
+             << ", rIdx=" << gsl::at(control_->rIdx, node).load()
+             << ", avail=" << gsl::at(control_->avail, node).load()
+             << ", numPackets=" << control_->numPackets.load() << " of " << control_->maxPackets
+             << '\n';
+    }
+    if (LogClient::LevelIsEnabled(level)) {
+        LogClient(log::kSourcePath, "DoPrint", log::kDoPrintLine, level, log::kCategory)
+            << text.str();
+    }
+}
+
+Capacity SharedBuffer::DoGetCurrentCapacity() {
+    return {shmName_, control_->maxPackets, control_->numPackets.load()};
+}
+
+}  // namespace qel

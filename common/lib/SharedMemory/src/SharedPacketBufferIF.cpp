@@ -1,0 +1,7 @@
+#include "SharedPacketBufferIF.h"
+
+namespace qel {
+
+SharedPacketBufferIF::~SharedPacketBufferIF() = default;
+
+}  // namespace qel
