@@ -1,0 +1,35 @@
+#include <memory>
+
+#include "SingleStage.h"
+#include "Verbs.h"
+
+namespace qel {
+namespace {
+
+int RunNode(const SingleStage& stage) {
+    RequireRing(stage.ring);
+    return RunSingleStage(
+        "node", stage,
+        [&](SharedPacketBufferIF& buffer, const StageStops& stops, StageCounters& counters) {
+            return RunReader(buffer, stage.ring, nullptr, stops, counters);
+        });
+}
+
+}  // namespace
+
+Verb AddNodeVerb(CLI::App& app) {
+    auto stage = std::make_shared<SingleStage>();
+    CLI::App* const command = app.add_subcommand(
+        "node", "A node by itself: read each packet in place and hand it to the next");
+    AddStageOptions(*command, *stage);
+    command->add_option("--node", stage->node, "Place in the chain, 1 to 4")
+        ->required()
+        ->check(CLI::Range(1U, 4U))
+        ->option_text("N");
+    command->add_flag("--sink", stage->sink,
+                      "Last node of the chain: give the space back to the producer");
+    command->footer("Ends when the end of the stream has passed, or with Ctrl-C.");
+    return {command, [stage] { return RunNode(*stage); }};
+}
+
+}  // namespace qel

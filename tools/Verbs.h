@@ -1,0 +1,20 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+
+namespace qel {
+
+/// A verb of the command: its place on the command line, and what it does once that is parsed.
+struct Verb {
+    CLI::App* command;
+    std::function<int()> run;  ///< returns the exit status
+};
+
+/// Each adds its verb with all options to `app`.
+Verb AddPipelineVerb(CLI::App& app);
+Verb AddProduceVerb(CLI::App& app);
+Verb AddNodeVerb(CLI::App& app);
+Verb AddConsumeVerb(CLI::App& app);
+
+}  // namespace qel

@@ -1,0 +1,58 @@
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "CommandLine.h"
+#include "Verbs.h"
+
+namespace qel {
+namespace {
+
+int Complain(const std::string& who, const std::string& what, int status) {
+    (void)std::fprintf(stderr, "%s: %s\n", who.c_str(), OneLine(what).c_str());
+    return status;
+}
+
+std::string NameOf(const CLI::App& app) {
+    const auto verbs = app.get_subcommands();
+    return verbs.empty() ? "qev" : "qev " + verbs.front()->get_name();
+}
+
+int Main(int argc, char** argv) {
+    // The library reports on standard output, which belongs to data and summaries here.
+    std::cout.flush();
+    std::ostream out(std::cout.rdbuf(std::cerr.rdbuf()));
+
+    CLI::App app("Moves packets between processes through a ring in shared memory.", "qev");
+    app.set_version_flag("--version", "qev " QEV_VERSION);
+    app.require_subcommand(1);
+    const std::array verbs{AddPipelineVerb(app), AddProduceVerb(app), AddNodeVerb(app),
+                           AddConsumeVerb(app)};
+    try {
+        app.parse(argc, argv);
+        for (const Verb& verb : verbs) {
+            if (verb.command->parsed()) {
+                return verb.run();
+            }
+        }
+    } catch (const CLI::Success& help) {
+        return app.exit(help, out);
+    } catch (const CLI::ParseError& refusal) {
+        return Complain(NameOf(app), refusal.what(), kExitUsage);
+    } catch (const UsageError& refusal) {
+        return Complain(NameOf(app), refusal.what(), kExitUsage);
+    } catch (const std::exception& failure) {
+        return Complain(NameOf(app), failure.what(), kExitFailure);
+    }
+    return kExitUsage;
+}
+
+}  // namespace
+}  // namespace qel
+
+int main(int argc, char** argv) {
+    return qel::Main(argc, argv);
+}
