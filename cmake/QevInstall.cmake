@@ -1,4 +1,4 @@
-# What a client needs to find the installed libraries: a CMake package and a pkg-config file.
+# What a client needs to find the installed libraries: a CMake package and pkg-config files.
 
 include(CMakePackageConfigHelpers)
 
@@ -18,7 +18,12 @@ install(FILES ${PROJECT_BINARY_DIR}/qev_SharedMemoryConfig.cmake
               ${PROJECT_BINARY_DIR}/qev_SharedMemoryConfigVersion.cmake
         DESTINATION ${package_dir})
 
-configure_file(${CMAKE_CURRENT_LIST_DIR}/qev_SharedMemory.pc.in
-               ${PROJECT_BINARY_DIR}/qev_SharedMemory.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/qev_SharedMemory.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# The pkg-config files find the tree from their own place, so that it can be moved.
+file(RELATIVE_PATH prefix_from_pkgconfig ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+     ${CMAKE_INSTALL_PREFIX})
+foreach(package qev_SharedMemory qev_PipelineKit)
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc
+                   @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${package}.pc
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

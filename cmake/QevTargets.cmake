@@ -42,13 +42,17 @@ function(qev_library name)
         PROPERTIES VERSION ${PROJECT_VERSION}
                    SOVERSION ${PROJECT_VERSION_MAJOR}
                    EXPORT_NAME ${name}
+                   INSTALL_RPATH $ORIGIN  # our libraries stand side by side
                    LINKER_LANGUAGE CXX)
     if(arg_VERSION_SCRIPT)
         set(script ${CMAKE_CURRENT_SOURCE_DIR}/${arg_VERSION_SCRIPT})
         target_link_options(qev_${name} PRIVATE -Wl,--version-script=${script})
         set_target_properties(qev_${name} PROPERTIES LINK_DEPENDS ${script})
     endif()
-    target_link_options(qev_${name} PRIVATE -Wl,--no-undefined -Wl,--as-needed)
+    target_link_options(qev_${name} PRIVATE -Wl,--as-needed)
+    if(NOT QEV_SANITIZERS)  # their run-time library comes with the executable only
+        target_link_options(qev_${name} PRIVATE -Wl,--no-undefined)
+    endif()
 
     add_library(qev_${name}_static STATIC)
     set_target_properties(qev_${name}_static PROPERTIES LINKER_LANGUAGE CXX)

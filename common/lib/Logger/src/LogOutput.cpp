@@ -47,10 +47,10 @@ void WriteToStandardError(const LogRecord& record) {
         text.remove_suffix(1);  // the line end comes from the pattern
     }
     const LevelForm form = FormOf(record.level);
+    const auto category = static_cast<std::uint32_t>(record.category);
     StandardError().log(record.time, spdlog::source_loc{}, form.rank,
-                        fmt::format("{} {:#06x} {} {}:{} {}", form.name,
-                                    static_cast<std::uint32_t>(record.category), record.sourcePath,
-                                    record.operation, record.line, text));
+                        fmt::format("{} {:#06x} {} {}:{} {}", form.name, category,
+                                    record.sourcePath, record.operation, record.line, text));
 }
 
 }  // namespace

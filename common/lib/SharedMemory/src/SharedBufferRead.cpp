@@ -80,7 +80,7 @@ void SharedBuffer::DoPrint(LogLevel level) {
     text << " {" << shmName_ << "} my node index " << unsigned{nodeIdx_} << '\n'
          << " Error String: " << errorString_ << '\n';
     errorString_.clear();
-    for (std::size_t node = 0; node < kMaxNodes; ++node) {
+    for (gsl::index node = 0; node < gsl::index{kMaxNodes}; ++node) {
         // Loaded one by one, for information: the lines are no consistent snapshot.
         text << "  Node[" << node << "]: wIdx=" << gsl::at(control_->wIdx, node).load()
              << ", rIdx=" << gsl::at(control_->rIdx, node).load()
