@@ -32,7 +32,7 @@ public:
         Resize(0);
     }
     ~Object() {
-        Poison(0, false);
+        Poison(tail_, false);
         ::munmap(memory_, kReserved);
     }
     Object(const Object&) = delete;
@@ -41,9 +41,9 @@ public:
     /// Accepts every length; only the reserved part of a huge object is there to be touched.
     void Resize(long length) {
         length_ = length;
-        Poison(0, false);
-        Poison(length < 0 ? kReserved : std::min(kReserved, static_cast<std::size_t>(length)),
-               true);
+        Poison(tail_, false);
+        tail_ = length < 0 ? kReserved : std::min(kReserved, static_cast<std::size_t>(length));
+        Poison(tail_, true);
     }
     [[nodiscard]] long Length() const { return length_; }
     [[nodiscard]] void* Memory() const { return memory_; }
@@ -53,18 +53,20 @@ private:
 
     void Poison([[maybe_unused]] std::size_t from, [[maybe_unused]] bool on) {
 #ifdef QEV_POISON_TAILS
+        // A window behind the end is enough, and keeps the shadow small.
         auto* const start = static_cast<unsigned char*>(memory_) + from;
+        const auto window = std::min<std::size_t>(kReserved - from, 1U << 16U);
         if (on) {
-            // A window behind the end is enough, and keeps the shadow small.
-            ASAN_POISON_MEMORY_REGION(start, std::min<std::size_t>(kReserved - from, 1U << 16U));
+            ASAN_POISON_MEMORY_REGION(start, window);
         } else {
-            ASAN_UNPOISON_MEMORY_REGION(start, kReserved - from);
+            ASAN_UNPOISON_MEMORY_REGION(start, window);
         }
 #endif
     }
 
     void* memory_;
     long length_ = 0;
+    std::size_t tail_ = 0;
 };
 
 FakeKernel::FakeKernel() = default;

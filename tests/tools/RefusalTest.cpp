@@ -1,0 +1,271 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "Command.h"
+#include "OpenRing.h"
+#include "UniqueRingName.h"
+
+namespace qel::test {
+namespace {
+
+/// Bad arguments and the line that refuses them. IN, OUT, NEW, DIR and NAME stand for a readable
+/// file, a file with content, a file that is not there, a folder and a free ring name.
+struct Row {
+    std::vector<std::string> arguments;
+    std::string line;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Row& row) {
+    for (const std::string& argument : row.arguments) {
+        stream << argument << ' ';
+    }
+    return stream;
+}
+
+class Refusal : public testing::TestWithParam<Row> {
+protected:
+    void SetUp() override {
+        WriteFile(folder_.Path("IN"), "input");
+        WriteFile(folder_.Path("OUT"), "precious");
+        ASSERT_EQ(mkdir(folder_.Path("DIR").c_str(), 0777), 0);
+    }
+
+    [[nodiscard]] std::string Filled(std::string text) const {
+        for (const char* const word : {"IN", "OUT", "NEW", "DIR"}) {
+            text = Replaced(text, word, folder_.Path(word));
+        }
+        return Replaced(text, "NAME", name_.Name());
+    }
+
+    [[nodiscard]] std::vector<std::string> Filled(std::vector<std::string> texts) const {
+        for (std::string& text : texts) {
+            text = Filled(text);
+        }
+        return texts;
+    }
+
+    UniqueRingName name_;
+    TemporaryFolder folder_;
+
+private:
+    static std::string Replaced(std::string text, const std::string& word,
+                                const std::string& with) {
+        for (auto at = text.find(word); at != std::string::npos;
+             at = text.find(word, at + with.size())) {
+            text.replace(at, word.size(), with);
+        }
+        return text;
+    }
+};
+
+TEST_P(Refusal, IsOneLineAndTouchesNothing) {
+    const CommandResult result = RunQev(Filled(GetParam().arguments));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, Filled(GetParam().line) + "\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(ReadFile(folder_.Path("OUT")), "precious");
+    EXPECT_EQ(ReadFile(folder_.Path("IN")), "input");
+    EXPECT_FALSE(Exists(folder_.Path("NEW")));
+    EXPECT_FALSE(Exists(name_.Path()));
+}
+
+std::vector<std::string> Pipeline(const std::vector<std::string>& options) {
+    std::vector<std::string> all{"pipeline", "--input", "IN", "--output", "OUT", "--name", "NAME"};
+    all.insert(all.end(), options.begin(), options.end());
+    return all;
+}
+
+const std::string kLongName(252, 'n');
+
+INSTANTIATE_TEST_SUITE_P(
+    Pipeline, Refusal,
+    testing::Values(
+        Row{Pipeline({"--nodes", "1"}), "qev pipeline: --nodes: Value 1 not in range 2 to 5"},
+        Row{Pipeline({"--nodes", "6"}), "qev pipeline: --nodes: Value 6 not in range 2 to 5"},
+        Row{Pipeline({"--size", "0"}), "qev pipeline: the size of a ring must not be 0"},
+        Row{Pipeline({"--size", "18446744073709551615"}),
+            "qev pipeline: the size of a ring is at most 9223372036854775655 bytes, not "
+            "18446744073709551615"},
+        Row{Pipeline({"--packet", "0"}), "qev pipeline: the size of a packet must not be 0"},
+        Row{Pipeline({"--packet", "845", "--size", "1000"}),
+            "qev pipeline: a packet of 845 bytes does not fit in a ring of 1000: 156 more are "
+            "needed for its header and the reserve of critical packets"},
+        Row{Pipeline({"--packet", "1", "--size", "100"}),
+            "qev pipeline: a packet of 1 bytes does not fit in a ring of 100: 156 more are needed "
+            "for its header and the reserve of critical packets"},
+        Row{Pipeline({"--max-frames", "4294967296"}),
+            "qev pipeline: Could not convert: --max-frames = 4294967296"},
+        Row{Pipeline({"--max-frames", "-1"}), "qev pipeline: Could not convert: --max-frames = -1"},
+        Row{Pipeline({"--frames", "1"}),
+            "qev pipeline: The following arguments were not expected: 1 --frames"},
+        Row{{"pipeline", "--input", "IN", "--output", "OUT", "--name", "a/b"},
+            "qev pipeline: the name of a ring must not contain a slash: a/b"},
+        Row{{"pipeline", "--input", "IN", "--output", "OUT", "--name", ""},
+            "qev pipeline: the name of a ring must not be empty"},
+        Row{{"pipeline", "--input", "IN", "--output", "OUT", "--name", kLongName},
+            "qev pipeline: the name of a ring has at most 251 characters, not 252"},
+        Row{{"pipeline", "--input", "IN", "--output", "IN", "--name", "NAME"},
+            "qev pipeline: IN and IN are the same file"},
+        Row{{"pipeline", "--input", "NEW", "--output", "OUT", "--name", "NAME"},
+            "qev pipeline: cannot read NEW: 2(No such file or directory)"},
+        Row{{"pipeline", "--input", "DIR", "--output", "OUT", "--name", "NAME"},
+            "qev pipeline: cannot read DIR: 21(Is a directory)"},
+        Row{{"pipeline", "--input", "/dev/zero", "--output", "OUT", "--name", "NAME"},
+            "qev pipeline: cannot compare with /dev/zero: it is not a regular file"},
+        Row{{"pipeline", "--input", "IN", "--output", "DIR", "--name", "NAME"},
+            "qev pipeline: cannot write DIR: 21(Is a directory)"},
+        Row{{"pipeline", "--input", "IN", "--output", "DIR/no/file", "--name", "NAME"},
+            "qev pipeline: cannot write DIR/no/file: 2(No such file or directory)"},
+        Row{{"pipeline", "--input", "IN", "--output", "OUT/file", "--name", "NAME"},
+            "qev pipeline: cannot write OUT/file: 20(Not a directory)"},
+        Row{{"pipeline", "--input", "IN", "--output", "NEW/", "--name", "NAME"},
+            "qev pipeline: cannot write NEW/: 2(No such file or directory)"},
+        Row{{"pipeline", "--input", "IN", "--output", "", "--name", "NAME"},
+            "qev pipeline: cannot write : 2(No such file or directory)"},
+        Row{{"pipeline", "--input", "IN", "--output", "-", "--name", "NAME"},
+            "qev pipeline: the output must be a file with a name"},
+        Row{{"pipeline", "--output", "OUT", "--name", "NAME"}, "qev pipeline: --input is required"},
+        Row{{"pipeline", "--input", "IN", "--name", "NAME"},
+            "qev pipeline: --output is required"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Produce, Refusal,
+    testing::Values(
+        Row{{"produce", "--name", "NAME", "--input", "NEW"},
+            "qev produce: cannot read NEW: 2(No such file or directory)"},
+        Row{{"produce", "--name", "NAME", "--input", "DIR"},
+            "qev produce: cannot read DIR: 21(Is a directory)"},
+        Row{{"produce", "--name", "NAME", "--size", "0"},
+            "qev produce: the size of a ring must not be 0"},
+        Row{{"produce", "--name", "NAME", "--packet", "0"},
+            "qev produce: the size of a packet must not be 0"},
+        Row{{"produce", "--name", "NAME", "--size", "1000"},
+            "qev produce: a packet of 65536 bytes does not fit in a ring of 1000: 156 more are "
+            "needed for its header and the reserve of critical packets"},
+        Row{{"produce", "--name", "NAME", "--node", "1"},
+            "qev produce: --node: Value 1 not in range 0 to 0"},
+        Row{{"produce", "--name", "NAME", "--sink"},
+            "qev produce: The following argument was not expected: --sink"},
+        Row{{"produce", "--name", "a/b"},
+            "qev produce: the name of a ring must not contain a slash: a/b"},
+        Row{{"produce"}, "qev produce: --name is required"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Readers, Refusal,
+    testing::Values(Row{{"node", "--name", "NAME", "--node", "0"},
+                        "qev node: --node: Value 0 not in range 1 to 4"},
+                    Row{{"node", "--name", "NAME", "--node", "5"},
+                        "qev node: --node: Value 5 not in range 1 to 4"},
+                    Row{{"node", "--name", "NAME", "--node", "4"},
+                        "qev node: node 4 is the last and must be the sink"},
+                    Row{{"node", "--name", "NAME", "--node", "1", "--size", "0"},
+                        "qev node: the size of a ring must not be 0"},
+                    Row{{"node", "--name", "a/b", "--node", "1"},
+                        "qev node: the name of a ring must not contain a slash: a/b"},
+                    Row{{"node", "--name", "NAME"}, "qev node: --node is required"},
+                    Row{{"consume", "--name", "NAME", "--node", "5", "--output", "OUT"},
+                        "qev consume: --node: Value 5 not in range 1 to 4"},
+                    Row{{"consume", "--name", "NAME", "--node", "1", "--output", "DIR"},
+                        "qev consume: cannot write DIR: 21(Is a directory)"},
+                    Row{{"consume", "--name", "NAME", "--node", "1", "--size", "0", "--output",
+                         "OUT"},
+                        "qev consume: the size of a ring must not be 0"},
+                    Row{{"consume", "--name", "a/b", "--node", "1", "--output", "OUT"},
+                        "qev consume: the name of a ring must not contain a slash: a/b"},
+                    Row{{"consume", "--name", "a\nb/", "--node", "1", "--output", "OUT"},
+                        "qev consume: the name of a ring must not contain a slash: a b/"}));
+
+INSTANTIATE_TEST_SUITE_P(Command, Refusal,
+                         testing::Values(Row{{}, "qev: A subcommand is required"},
+                                         Row{{"juggle"}, "qev: A subcommand is required"},
+                                         Row{{"--juggle"}, "qev: A subcommand is required"}));
+
+class RefusalOfARing : public Refusal {};
+
+TEST_F(RefusalOfARing, PipelineTakesNoRingThatExists) {
+    WriteFile(name_.Path(), "another's");
+    const CommandResult result = RunQev(Filled(Pipeline({})));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, Filled("qev pipeline: ring NAME: cannot create /NAME.shm: 17(File "
+                                 "exists); remove /dev/shm/NAME.shm if nobody uses it\n"));
+    EXPECT_EQ(ReadFile(name_.Path()), "another's");
+    EXPECT_EQ(ReadFile(folder_.Path("OUT")), "precious");
+}
+
+TEST_F(RefusalOfARing, StagesTakeNoRingOfAnotherSize) {
+    (void)OpenRing({name_.Name(), 100000, 0, false, 0});
+    const std::string before = ReadFile(name_.Path());
+    for (std::vector<std::string> arguments : {std::vector<std::string>{"produce"},
+                                               {"node", "--node", "1"},
+                                               {"consume", "--node", "1", "--output", "OUT"}}) {
+        const std::string verb = arguments.front();
+        arguments.insert(arguments.end(), {"--name", "NAME", "--size", "99999"});
+        const CommandResult result = RunQev(Filled(arguments));
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(
+            result.err,
+            Filled("qev " + verb + ": ring NAME exists with a size of 100000 bytes, not 99999\n"));
+        EXPECT_TRUE(ReadFile(name_.Path()) == before);
+        EXPECT_EQ(ReadFile(folder_.Path("OUT")), "precious");
+    }
+}
+
+TEST_F(RefusalOfARing, StagesTakeNoRingOfAnotherPacketLimit) {
+    (void)OpenRing({name_.Name(), 100000, 0, false, 3});
+    const CommandResult result =
+        RunQev(Filled({"produce", "--name", "NAME", "--size", "100000", "--max-frames", "5"}));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err,
+              Filled("qev produce: ring NAME exists with another packet limit: 4 instead of 6\n"));
+}
+
+class RefusalOfPermission : public Refusal {};
+
+TEST_F(RefusalOfPermission, InputThatMustNotBeReadIsRefused) {
+    ASSERT_EQ(chmod(folder_.Path("IN").c_str(), 0), 0);
+    const CommandResult result = RunQev(Filled(Pipeline({})), {-1, -1, -1, true});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, Filled("qev pipeline: cannot read IN: 13(Permission denied)\n"));
+    EXPECT_FALSE(Exists(name_.Path()));
+}
+
+TEST_F(RefusalOfPermission, OutputThatMustNotBeWrittenIsRefused) {
+    ASSERT_EQ(chmod(folder_.Path("OUT").c_str(), 0444), 0);
+    ASSERT_EQ(chmod(folder_.Path("DIR").c_str(), 0555), 0);
+    CommandResult result = RunQev(Filled(Pipeline({})), {-1, -1, -1, true});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, Filled("qev pipeline: cannot write OUT: 13(Permission denied)\n"));
+    result = RunQev(Filled({"pipeline", "--input", "IN", "--output", "DIR/file", "--name", "NAME"}),
+                    {-1, -1, -1, true});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, Filled("qev pipeline: cannot write DIR/file: 13(Permission denied)\n"));
+    EXPECT_EQ(ReadFile(folder_.Path("OUT")), "precious");
+    EXPECT_FALSE(Exists(name_.Path()));
+}
+
+class Help : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(Help, GoesToStandardOutputWithSuccess) {
+    const CommandResult result = RunQev(GetParam());
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_GE(Lines(result.out), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Verbs, Help,
+                         testing::Values(std::vector<std::string>{"--help"},
+                                         std::vector<std::string>{"--version"},
+                                         std::vector<std::string>{"pipeline", "--help"},
+                                         std::vector<std::string>{"produce", "--help"},
+                                         std::vector<std::string>{"node", "--help"},
+                                         std::vector<std::string>{"consume", "--help"}));
+
+TEST(Version, IsNameAndNumber) {
+    EXPECT_EQ(RunQev({"--version"}).out, "qev 1.0.0\n");
+}
+
+}  // namespace
+}  // namespace qel::test
