@@ -5,6 +5,7 @@
 
 #include <array>
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace qel {
@@ -56,7 +57,8 @@ void WriteToStandardError(const LogRecord& record) {
 }  // namespace
 
 LogOutput& LogOutput::Instance() noexcept {
-    static auto* const instance = new LogOutput;
+    alignas(LogOutput) static std::array<unsigned char, sizeof(LogOutput)> storage;
+    static auto* const instance = ::new (storage.data()) LogOutput;  // never destroyed
     return *instance;
 }
 
