@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,8 +20,6 @@
 
 namespace qel::test {
 namespace {
-
-constexpr uid_t kNobody = 65534;
 
 /// A file without a name, to collect output of any length.
 int Collector() {
@@ -49,7 +48,10 @@ void Become(std::vector<char*> argv, const Streams& streams, int out, int err) {
     const int in = streams.in != -1 ? streams.in : open("/dev/null", O_RDONLY | O_CLOEXEC);
     const bool placed = dup2(in, STDIN_FILENO) != -1 && dup2(out, STDOUT_FILENO) != -1 &&
                         dup2(err, STDERR_FILENO) != -1;
-    const bool lowered = !streams.asNobody || geteuid() != 0 || setuid(kNobody) == 0;
+    // Another user might not be allowed to reach the command itself.
+    const bool lowered = !streams.withoutPrivileges || geteuid() != 0 ||
+                         (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) == 0 &&
+                          prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH) == 0);
     if (placed && lowered) {
         (void)execv(QEV_COMMAND, argv.data());
     }

@@ -37,7 +37,7 @@ struct Streams {
     int in = -1;
     int out = -1;
     int err = -1;
-    bool asNobody = false;  ///< without a superuser's rights
+    bool withoutPrivileges = false;  ///< files' modes bind a superuser as well
 };
 
 /// The qev command as a process of its own, in a process group of its own.

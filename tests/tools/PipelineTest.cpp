@@ -192,7 +192,9 @@ TEST_F(PipelineTest, TerminalShowsALinePerNodeThatIsTakenAwayAgain) {
     WriteFile(input_, "");
     ASSERT_EQ(truncate(input_.c_str(), off_t{1} << 40U), 0);
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_NE(terminal, -1);
+    if (terminal == -1) {
+        GTEST_SKIP() << "the system has no pseudo-terminals";
+    }
     ASSERT_EQ(grantpt(terminal), 0);
     ASSERT_EQ(unlockpt(terminal), 0);
     const int side = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
