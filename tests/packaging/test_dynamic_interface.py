@@ -17,13 +17,23 @@ EXPECTED = {
     "SharedMemory": {
         "soname": "libqev_SharedMemory.so.1",
         "version": "QEV_SHAREDMEMORY_1",
-        "needed": SYSTEM | {"libqev_Logger"},
+        "needed": SYSTEM | {"libqev_FileDescriptor", "libqev_Logger", "libqev_MappedFile"},
     },
-    # No symbol version, so that another library of this name can take its place.
+    # No symbol version on the companions, so that another library of this name can take its place.
     "Logger": {
         "soname": "libqev_Logger.so.1",
         "version": "",
         "needed": SYSTEM | {"libspdlog", "libfmt"},
+    },
+    "MappedFile": {
+        "soname": "libqev_MappedFile.so.1",
+        "version": "",
+        "needed": SYSTEM | {"libqev_FileDescriptor"},
+    },
+    "FileDescriptor": {
+        "soname": "libqev_FileDescriptor.so.1",
+        "version": "",
+        "needed": SYSTEM,
     },
 }
 
