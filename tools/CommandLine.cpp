@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <map>
 
 #include "RingRules.h"
@@ -18,10 +19,10 @@ const std::map<std::string, WaitMode> kWaitModes{{"spin", WaitMode::Spin},
 
 }  // namespace
 
-void AddBytesOption(CLI::App& command, const std::string& name, std::uint64_t& bytes,
-                    const std::string& help) {
+CLI::Option* AddBytesOption(CLI::App& command, const std::string& name, std::uint64_t& bytes,
+                            const std::string& help) {
     constexpr bool kThousandsAreKb = false;
-    command.add_option(name, bytes, help)
+    return command.add_option(name, bytes, help)
         ->transform(CLI::AsSizeValue(kThousandsAreKb))
         ->option_text(fmt::format("BYTES [{}]", bytes));
 }
@@ -43,13 +44,19 @@ void AddPacketOption(CLI::App& command, std::uint64_t& packetSize) {
     AddBytesOption(command, "--packet", packetSize, "Payload of a packet; the last may be shorter");
 }
 
-void RequireRing(const RingOptions& options) {
+void RequireOrUsage(const std::function<void()>& require) {
     try {
-        RequireRingName(options.name);
-        RequireRingSize(options.size);
+        require();
     } catch (const std::invalid_argument& reason) {
         throw UsageError(reason.what());
     }
+}
+
+void RequireRing(const RingOptions& options) {
+    RequireOrUsage([&] {
+        RequireRingName(options.name);
+        RequireRingSize(options.size);
+    });
 }
 
 void RequirePacketFits(std::uint64_t packetSize, std::uint64_t ringSize) {
@@ -62,6 +69,12 @@ void RequirePacketFits(std::uint64_t packetSize, std::uint64_t ringSize) {
             fmt::format("a packet of {} bytes does not fit in a ring of {}: {} more are needed for "
                         "its header and the reserve of critical packets",
                         packetSize, ringSize, kPacketHeaderSize + kCriticalReserve));
+    }
+}
+
+void Print(const std::string& text) {
+    if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0) {
+        throw std::runtime_error("cannot write to standard output");
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -47,12 +48,19 @@ void AddRingOptions(CLI::App& command, RingOptions& options);
 void AddPacketOption(CLI::App& command, std::uint64_t& packetSize);
 
 /// Adds an option for a number of bytes, with units such as KiB allowed.
-void AddBytesOption(CLI::App& command, const std::string& name, std::uint64_t& bytes,
-                    const std::string& help);
+CLI::Option* AddBytesOption(CLI::App& command, const std::string& name, std::uint64_t& bytes,
+                            const std::string& help);
 
 /// @throws UsageError when no ring can be as described, or packets of `packetSize` never fit
 void RequireRing(const RingOptions& options);
 void RequirePacketFits(std::uint64_t packetSize, std::uint64_t ringSize);
+
+/// Runs `require`, whose std::invalid_argument becomes a UsageError.
+void RequireOrUsage(const std::function<void()>& require);
+
+/// Writes to standard output.
+/// @throws std::runtime_error
+void Print(const std::string& text);
 
 /// `text` with line ends and other control characters replaced, so that it stays one line.
 [[nodiscard]] std::string OneLine(std::string_view text);

@@ -227,12 +227,6 @@ int Run::ExitStatus(const PipelineReport& report) const {
     return InterruptedBy() != 0 ? ExitInterrupted(InterruptedBy()) : 0;
 }
 
-void Print(const std::string& text) {
-    if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0) {
-        throw std::runtime_error("cannot write the summary to standard output");
-    }
-}
-
 }  // namespace
 
 int RunPipeline(const PipelineOptions& options) {

@@ -1,8 +1,8 @@
 #include "Signals.h"
 
+#include <array>
 #include <atomic>
 #include <csignal>
-#include <initializer_list>
 
 namespace qel {
 namespace {
@@ -10,6 +10,8 @@ namespace {
 std::atomic<int> count{0};
 std::atomic<int> first{0};
 static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler");
+
+constexpr std::array kRequests{SIGINT, SIGTERM, SIGHUP};
 
 void CountSignal(int signal) {
     int none = 0;
@@ -23,12 +25,27 @@ void Signals::Catch() {
     struct sigaction action {};
     action.sa_handler = CountSignal;  // no SA_RESTART: waiting calls are to return
     (void)sigemptyset(&action.sa_mask);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : kRequests) {
         (void)sigaction(signal, &action, nullptr);
     }
     (void)std::signal(SIGPIPE, SIG_IGN);
     (void)std::signal(SIGXFSZ, SIG_IGN);
     (void)std::signal(SIGCHLD, SIG_DFL);  // the nodes' exit statuses are wanted
+}
+
+void Signals::Wait() {
+    sigset_t requests{};
+    sigset_t before{};
+    (void)sigemptyset(&requests);
+    for (const int signal : kRequests) {
+        (void)sigaddset(&requests, signal);
+    }
+    // Blocked, so that none slips in between the look at the count and the wait.
+    (void)sigprocmask(SIG_BLOCK, &requests, &before);
+    while (Count() == 0) {
+        (void)sigsuspend(&before);
+    }
+    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 int Signals::Count() noexcept {

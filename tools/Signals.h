@@ -9,6 +9,9 @@ class Signals {
 public:
     static void Catch();
 
+    /// Waits until one has arrived.
+    static void Wait();
+
     /// How many arrived so far.
     [[nodiscard]] static int Count() noexcept;
 

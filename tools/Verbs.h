@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <vector>
 
 namespace qel {
 
@@ -11,10 +12,12 @@ struct Verb {
     std::function<int()> run;  ///< returns the exit status
 };
 
-/// Each adds its verb with all options to `app`.
+/// Each adds its verb or verbs with all options to `app`.
 Verb AddPipelineVerb(CLI::App& app);
 Verb AddProduceVerb(CLI::App& app);
 Verb AddNodeVerb(CLI::App& app);
 Verb AddConsumeVerb(CLI::App& app);
+std::vector<Verb> AddBlockVerbs(CLI::App& app);
+std::vector<Verb> AddSemVerbs(CLI::App& app);
 
 }  // namespace qel

@@ -1,9 +1,9 @@
 #include <CLI/CLI.hpp>
-#include <array>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "CommandLine.h"
 #include "Verbs.h"
@@ -18,7 +18,16 @@ int Complain(const std::string& who, const std::string& what, int status) {
 
 std::string NameOf(const CLI::App& app) {
     const auto verbs = app.get_subcommands();
-    return verbs.empty() ? "qev" : "qev " + verbs.front()->get_name();
+    return verbs.empty() ? app.get_name() : app.get_name() + " " + NameOf(*verbs.front());
+}
+
+std::vector<Verb> AddVerbs(CLI::App& app) {
+    std::vector<Verb> verbs{AddPipelineVerb(app), AddProduceVerb(app), AddNodeVerb(app),
+                            AddConsumeVerb(app)};
+    for (const auto& group : {AddBlockVerbs(app), AddSemVerbs(app)}) {
+        verbs.insert(verbs.end(), group.begin(), group.end());
+    }
+    return verbs;
 }
 
 int Main(int argc, char** argv) {
@@ -26,11 +35,11 @@ int Main(int argc, char** argv) {
     std::cout.flush();
     std::ostream out(std::cout.rdbuf(std::cerr.rdbuf()));
 
-    CLI::App app("Moves packets between processes through a ring in shared memory.", "qev");
+    CLI::App app("Shared memory between the processes of one device: rings, blocks and semaphores.",
+                 "qev");
     app.set_version_flag("--version", "qev " QEV_VERSION);
     app.require_subcommand(1);
-    const std::array verbs{AddPipelineVerb(app), AddProduceVerb(app), AddNodeVerb(app),
-                           AddConsumeVerb(app)};
+    const std::vector<Verb> verbs = AddVerbs(app);
     try {
         app.parse(argc, argv);
         for (const Verb& verb : verbs) {

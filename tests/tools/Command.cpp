@@ -48,10 +48,13 @@ void Become(std::vector<char*> argv, const Streams& streams, int out, int err) {
     const int in = streams.in != -1 ? streams.in : open("/dev/null", O_RDONLY | O_CLOEXEC);
     const bool placed = dup2(in, STDIN_FILENO) != -1 && dup2(out, STDOUT_FILENO) != -1 &&
                         dup2(err, STDERR_FILENO) != -1;
+    // A block's memory file is passed on to commands; this one is to begin with nothing.
+    (void)close_range(STDERR_FILENO + 1, ~0U, 0);
     // Another user might not be allowed to reach the command itself.
     const bool lowered = !streams.withoutPrivileges || geteuid() != 0 ||
                          (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) == 0 &&
-                          prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH) == 0);
+                          prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH) == 0 &&
+                          prctl(PR_CAPBSET_DROP, CAP_SYS_PTRACE) == 0);
     if (placed && lowered) {
         (void)execv(QEV_COMMAND, argv.data());
     }
@@ -104,6 +107,12 @@ void Command::Signal(int signal) const {
 
 void Command::SignalGroup(int signal) const {
     EXPECT_EQ(kill(-pid_, signal), 0);
+}
+
+bool Command::HasEnded() const {
+    siginfo_t info{};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT | WNOHANG), 0);
+    return info.si_pid == pid_;
 }
 
 CommandResult Command::Wait() {

@@ -37,7 +37,8 @@ struct Streams {
     int in = -1;
     int out = -1;
     int err = -1;
-    bool withoutPrivileges = false;  ///< files' modes bind a superuser as well
+    /// Files' modes, and what processes hide, bind a superuser as well.
+    bool withoutPrivileges = false;
 };
 
 /// The qev command as a process of its own, in a process group of its own.
@@ -54,6 +55,8 @@ public:
 
     /// As a terminal does it.
     void SignalGroup(int signal) const;
+
+    [[nodiscard]] bool HasEnded() const;
 
     CommandResult Wait();
 

@@ -185,7 +185,7 @@ TEST_F(PipelineTest, SummaryThatCannotBeWrittenIsAnError) {
                {-1, full, -1});
     (void)close(full);
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "qev pipeline: cannot write the summary to standard output\n");
+    EXPECT_EQ(result.err, "qev pipeline: cannot write to standard output\n");
 }
 
 TEST_F(PipelineTest, TerminalShowsALinePerNodeThatIsTakenAwayAgain) {

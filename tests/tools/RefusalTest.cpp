@@ -70,6 +70,8 @@ TEST_P(Refusal, IsOneLineAndTouchesNothing) {
     EXPECT_EQ(ReadFile(folder_.Path("IN")), "input");
     EXPECT_FALSE(Exists(folder_.Path("NEW")));
     EXPECT_FALSE(Exists(name_.Path()));
+    EXPECT_FALSE(Exists("/tmp/" + name_.Name() + "_shm.lock"));
+    EXPECT_FALSE(Exists("/dev/shm/sem." + name_.Name()));
 }
 
 std::vector<std::string> Pipeline(const std::vector<std::string>& options) {
@@ -178,10 +180,79 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{{"consume", "--name", "a\nb/", "--node", "1", "--output", "OUT"},
                         "qev consume: the name of a ring must not contain a slash: a b/"}));
 
+INSTANTIATE_TEST_SUITE_P(
+    Blocks, Refusal,
+    testing::Values(
+        Row{{"block"}, "qev block: A subcommand is required"},
+        Row{{"block", "juggle"}, "qev block: A subcommand is required"},
+        Row{{"block", "write", "NAME", "--input", "IN"}, "qev block write: --size is required"},
+        Row{{"block", "write", "NAME", "--size", "0", "--input", "IN"},
+            "qev block write: the size of a block must not be 0"},
+        Row{{"block", "write", "NAME", "--size", "18446744073709551615", "--input", "IN"},
+            "qev block write: a block of 18446744073709551615 bytes does not fit in this machine's "
+            "memory"},
+        Row{{"block", "write", "", "--size", "1", "--input", "IN"},
+            "qev block write: the name of a block must not be empty"},
+        Row{{"block", "write", "a/b", "--size", "1", "--input", "IN"},
+            "qev block write: the name of a block must not contain a slash: a/b"},
+        Row{{"block", "write", std::string(245, 'n'), "--size", "1", "--input", "IN"},
+            "qev block write: the name of a block has at most 244 characters, not 245"},
+        Row{{"block", "write", "NAME", "--size", "1", "--input", "NEW"},
+            "qev block write: cannot read NEW: 2(No such file or directory)"},
+        Row{{"block", "read", "a/b", "--output", "OUT"},
+            "qev block read: the name of a block must not contain a slash: a/b"},
+        Row{{"block", "read", "NAME", "--output", "DIR"},
+            "qev block read: cannot write DIR: 21(Is a directory)"},
+        Row{{"block", "read", "NAME", "--size", "1"},
+            "qev block read: The following arguments were not expected: 1 --size"},
+        Row{{"block", "show", ""}, "qev block show: the name of a block must not be empty"},
+        Row{{"block", "show", "NAME", "other"},
+            "qev block show: The following argument was not expected: other"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Semaphores, Refusal,
+    testing::Values(
+        Row{{"sem"}, "qev sem: A subcommand is required"},
+        Row{{"sem", "post", ""}, "qev sem post: the name of a semaphore must not be empty"},
+        Row{{"sem", "post", "/"}, "qev sem post: the name of a semaphore must not be empty"},
+        Row{{"sem", "wait", "//a"},
+            "qev sem wait: the name of a semaphore must not contain a slash: /a"},
+        Row{{"sem", "try", std::string(252, 'n')},
+            "qev sem try: the name of a semaphore has at most 251 characters, not 252"},
+        Row{{"sem", "post", "NAME", "--count", "0"},
+            "qev sem post: --count: Value 0 not in range 1 to 2147483647"},
+        Row{{"sem", "try", "NAME", "--count", "2147483648"},
+            "qev sem try: --count: Value 2147483648 not in range 1 to 2147483647"},
+        Row{{"sem", "wait", "NAME", "--count", "many"},
+            "qev sem wait: --count: Value many not in range 1 to 2147483647"},
+        Row{{"sem", "wait", "NAME", "--timeout", "-0.1"},
+            "qev sem wait: --timeout: -0.1 is not in range 0 to 1000000000"},
+        Row{{"sem", "wait", "NAME", "--timeout", "nan"},
+            "qev sem wait: --timeout: nan is not in range 0 to 1000000000"},
+        Row{{"sem", "wait", "NAME", "--timeout", "inf"},
+            "qev sem wait: --timeout: inf is not in range 0 to 1000000000"},
+        Row{{"sem", "wait", "NAME", "--timeout", "soon"},
+            "qev sem wait: Could not convert: --timeout = soon"},
+        Row{{"sem", "post", "NAME", "--timeout", "1"},
+            "qev sem post: The following arguments were not expected: 1 --timeout"},
+        Row{{"sem", "show", "NAME", "--count", "1"},
+            "qev sem show: The following arguments were not expected: 1 --count"}));
+
 INSTANTIATE_TEST_SUITE_P(Command, Refusal,
                          testing::Values(Row{{}, "qev: A subcommand is required"},
                                          Row{{"juggle"}, "qev: A subcommand is required"},
                                          Row{{"--juggle"}, "qev: A subcommand is required"}));
+
+TEST(RefusalWithoutAName, IsOneLine) {
+    for (const std::string verb : {"block write", "block read", "block show", "sem show",
+                                   "sem post", "sem wait", "sem try"}) {
+        const auto blank = verb.find(' ');
+        const CommandResult result = RunQev({verb.substr(0, blank), verb.substr(blank + 1)});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, "qev " + verb + ": NAME is required\n");
+    }
+}
 
 class RefusalOfARing : public Refusal {};
 
@@ -261,7 +332,16 @@ INSTANTIATE_TEST_SUITE_P(Verbs, Help,
                                          std::vector<std::string>{"pipeline", "--help"},
                                          std::vector<std::string>{"produce", "--help"},
                                          std::vector<std::string>{"node", "--help"},
-                                         std::vector<std::string>{"consume", "--help"}));
+                                         std::vector<std::string>{"consume", "--help"},
+                                         std::vector<std::string>{"block", "--help"},
+                                         std::vector<std::string>{"block", "write", "--help"},
+                                         std::vector<std::string>{"block", "read", "--help"},
+                                         std::vector<std::string>{"block", "show", "--help"},
+                                         std::vector<std::string>{"sem", "--help"},
+                                         std::vector<std::string>{"sem", "show", "--help"},
+                                         std::vector<std::string>{"sem", "post", "--help"},
+                                         std::vector<std::string>{"sem", "wait", "--help"},
+                                         std::vector<std::string>{"sem", "try", "--help"}));
 
 TEST(Version, IsNameAndNumber) {
     EXPECT_EQ(RunQev({"--version"}).out, "qev 1.0.0\n");

@@ -3,6 +3,8 @@
 #include <limits>
 #include <stdexcept>
 
+#include "ObjectName.h"
+
 namespace qel {
 namespace {
 
@@ -16,18 +18,7 @@ std::string RingObjectName(std::string_view name) {
 }
 
 void RequireRingName(std::string_view name) {
-    if (name.empty()) {
-        throw std::invalid_argument("the name of a ring must not be empty");
-    }
-    if (name.find('/') != std::string_view::npos) {
-        throw std::invalid_argument("the name of a ring must not contain a slash: " +
-                                    std::string(name));
-    }
-    if (name.size() > kLongestRingName) {
-        throw std::invalid_argument("the name of a ring has at most " +
-                                    std::to_string(kLongestRingName) + " characters, not " +
-                                    std::to_string(name.size()));
-    }
+    RequireObjectName("ring", name, kLongestRingName);
 }
 
 void RequireRingSize(std::uint64_t size) {

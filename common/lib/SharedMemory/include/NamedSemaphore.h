@@ -11,7 +11,8 @@ namespace qel {
 
 /// A named semaphore of the system, with a balance: what a handle has taken and given is settled
 /// when the handle goes. Units that it holds are given back; units that it posted are taken back,
-/// for which the destructor waits as long as it must.
+/// for which the destructor waits as long as it must. Who wakes another process by a post therefore
+/// keeps the handle until that process has taken the unit.
 ///
 /// The semaphore itself outlives all handles. A process that is killed settles nothing.
 ///
@@ -24,7 +25,7 @@ public:
     NamedSemaphore();
 
     /// Opens the semaphore `name`, creating it with mode 0600 when it is missing.
-    /// @param name   as the system takes it: a slash and up to 250 further characters without one
+    /// @param name   as the system takes it: a slash and up to 251 further characters without one
     /// @param value  its value if it is created; an existing one keeps its value
     /// @throws std::invalid_argument  for a name that the system rejects
     /// @throws std::runtime_error  if the system refuses for another reason

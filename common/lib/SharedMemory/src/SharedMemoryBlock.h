@@ -39,9 +39,6 @@ namespace qel {
 /// SharedMemoryBlock.cpp.
 class SharedMemoryBlock {
 public:
-    /// Bytes ahead of the user's data.
-    static constexpr std::uint64_t kHeaderSize = 8;
-
     /// An unusable block: every locking operation throws.
     SharedMemoryBlock() = default;
 
@@ -68,7 +65,7 @@ public:
     /// First byte of the data, for the thread that last took the write lock.
     [[nodiscard]] unsigned char* GetDataForWrite();
     /// Bytes of data. Checks nothing: 2^64 - 8 for an unusable block.
-    [[nodiscard]] std::uint64_t Size() const { return size_ - kHeaderSize; }
+    [[nodiscard]] std::uint64_t Size() const { return size_ - kBlockHeaderSize; }
 
     /// Allow or forbid access outside the scheme of locks.
     void SetReadAllowed(bool allowed);

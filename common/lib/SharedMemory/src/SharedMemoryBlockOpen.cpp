@@ -88,7 +88,7 @@ SharedMemoryBlock::SharedMemoryBlock(std::shared_ptr<SysIF> sys, std::string_vie
     if (!sys_) {
         throw std::invalid_argument("Exception: SharedMemoryBlock without system calls");
     }
-    lockFile_ = std::make_unique<LockFile>("/tmp/" + std::string(name) + "_shm.lock");
+    lockFile_ = std::make_unique<LockFile>(BlockLockPath(name));
     if (!lockFile_->IsReadable()) {
         const int error = errno;
         throw std::runtime_error("LockFile could not be opened" + std::to_string(error) + "(" +
@@ -139,8 +139,7 @@ SharedMemoryBlock::OpenResult SharedMemoryBlock::OpenExistingSharedMemory(bool w
 
 SharedMemoryBlock::OpenResult SharedMemoryBlock::Attach(const SharedMemoryMetadata& record,
                                                         bool write) {
-    const std::string path =
-        "/proc/" + std::to_string(record.pid) + "/fd/" + std::to_string(record.fd);
+    const std::string path = BlockMemoryPath(record.pid, record.fd);
     struct stat status {};
     if (::stat(path.c_str(), &status) == -1) {
         return {false, "file does not exist"};
@@ -165,7 +164,7 @@ SharedMemoryBlock::OpenResult SharedMemoryBlock::Attach(const SharedMemoryMetada
     if (status.st_size < 0) {
         return {false, "shared memory size is invalid"};
     }
-    if (static_cast<std::uint64_t>(status.st_size) < kHeaderSize) {
+    if (static_cast<std::uint64_t>(status.st_size) < kBlockHeaderSize) {
         return {false, "shared memory is too small"};
     }
     size_ = static_cast<std::uint64_t>(status.st_size);
@@ -214,7 +213,7 @@ SharedMemoryBlock::OpenResult SharedMemoryBlock::CreateSharedMemory(
     if (!lockFile_->Write(&record, sizeof(record), 0)) {
         return {false, "failed to write to lockfile"};
     }
-    size_ = size + kHeaderSize;
+    size_ = size + kBlockHeaderSize;
     const bool tooLarge = size_ < size;  // the sum does not fit in 64 bits
     if (tooLarge || sys_->ftruncate(descriptor.Get(), static_cast<long>(size_)) == -1) {
         return {false, "failed to ftruncate shared memory"};
@@ -237,7 +236,7 @@ bool SharedMemoryBlock::MapSharedMem(int descriptor, std::uint64_t length, int p
     }
     mapping_ = decltype(mapping_)(static_cast<unsigned char*>(start), std::move(unmap));
     header_ = static_cast<std::int64_t*>(start);
-    data_ = mapping_.get() + kHeaderSize;
+    data_ = mapping_.get() + kBlockHeaderSize;
     return true;
 }
 

@@ -2,9 +2,24 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <string_view>
 #include <type_traits>
 
 namespace qel {
+
+/// Where the lock file of the block `name` stands.
+[[nodiscard]] inline std::string BlockLockPath(std::string_view name) {
+    return "/tmp/" + std::string(name) + "_shm.lock";
+}
+
+/// Where a block's memory file is found while the process that opened it lives.
+[[nodiscard]] inline std::string BlockMemoryPath(std::int32_t pid, std::int32_t fd) {
+    return "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+}
+
+/// Bytes of the memory file ahead of the user's data: the creator's `uid`.
+inline constexpr std::uint64_t kBlockHeaderSize = 8;
 
 /// What a block's creator announces in the lock file, read by other processes:
 ///

@@ -1,0 +1,211 @@
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <climits>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "CommandLine.h"
+#include "ObjectName.h"
+#include "Signals.h"
+#include "SystemSemaphore.h"
+#include "Verbs.h"
+
+namespace qel {
+namespace {
+
+struct SemOptions {
+    std::string name;
+    int count = 1;
+    std::optional<double> timeout;  ///< seconds
+};
+
+constexpr double kLongestTimeout = 1e9;
+
+/// The name without the slash that may stand before it.
+std::string BareName(const SemOptions& options) {
+    const std::string name =
+        options.name.rfind('/', 0) == 0 ? options.name.substr(1) : options.name;
+    RequireOrUsage([&] { RequireObjectName("semaphore", name, kLongestSemaphoreName); });
+    return name;
+}
+
+std::optional<SystemSemaphore::Deadline> DeadlineOf(const std::optional<double>& timeout) {
+    if (!timeout) {
+        return std::nullopt;
+    }
+    const bool inRange = *timeout >= 0 && *timeout <= kLongestTimeout;  // no for a NaN
+    if (!inRange) {
+        throw UsageError(
+            fmt::format("--timeout: {} is not in range 0 to {}", *timeout, kLongestTimeout));
+    }
+    const std::chrono::duration<double> seconds(*timeout);
+    return std::chrono::steady_clock::now() +
+           std::chrono::duration_cast<std::chrono::nanoseconds>(seconds);
+}
+
+/// Units of a semaphore that go back unless they are kept.
+class TakenUnits {
+public:
+    explicit TakenUnits(const SystemSemaphore& semaphore) : semaphore_(semaphore) {}
+    ~TakenUnits() {
+        try {
+            for (; count_ > 0; --count_) {
+                semaphore_.Post();
+            }
+        } catch (const std::exception&) {
+            return;  // others have posted it full
+        }
+    }
+    TakenUnits(const TakenUnits&) = delete;
+    TakenUnits& operator=(const TakenUnits&) = delete;
+
+    void Add() { ++count_; }
+    void Keep() { count_ = 0; }
+    [[nodiscard]] int Count() const { return count_; }
+
+private:
+    const SystemSemaphore& semaphore_;
+    int count_ = 0;
+};
+
+/// Takes all units by `take`, or none.
+/// @return how many were free
+template <typename Take>
+int TakeAll(const SystemSemaphore& semaphore, int count, const Take& take) {
+    TakenUnits taken(semaphore);
+    while (taken.Count() < count && take()) {
+        taken.Add();
+    }
+    const int got = taken.Count();
+    if (got == count) {
+        taken.Keep();
+    }
+    return got;
+}
+
+int RunShow(const SemOptions& options) {
+    const std::string name = BareName(options);
+    const SystemSemaphore semaphore(name, SystemSemaphore::IfMissing::Refuse);
+    std::string text =
+        fmt::format("semaphore  /{}\nvalue      {}\n", OneLine(name), semaphore.Value());
+    const std::string path = SystemSemaphore::PathOf(name);
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0) {
+        constexpr unsigned kPermissions = 07777;
+        text += fmt::format("file       {}, mode {:04o}, user {}, group {}\n", OneLine(path),
+                            status.st_mode & kPermissions, status.st_uid, status.st_gid);
+    }
+    Print(text);
+    return 0;
+}
+
+int RunPost(const SemOptions& options) {
+    const SystemSemaphore semaphore(BareName(options), SystemSemaphore::IfMissing::Create);
+    Signals::Catch();
+    int posted = 0;
+    try {
+        for (; posted < options.count && Signals::Count() == 0; ++posted) {
+            semaphore.Post();
+        }
+    } catch (const std::runtime_error& failure) {
+        throw std::runtime_error(
+            fmt::format("{}; {} of {} units posted", failure.what(), posted, options.count));
+    }
+    return posted == options.count ? 0 : ExitInterrupted(Signals::First());
+}
+
+int RunWait(const SemOptions& options) {
+    const std::string name = BareName(options);
+    const auto deadline = DeadlineOf(options.timeout);
+    const SystemSemaphore semaphore(name, SystemSemaphore::IfMissing::Create);
+    Signals::Catch();
+    const StopPredicate interrupted = [] { return Signals::Count() > 0; };
+    const int got =
+        TakeAll(semaphore, options.count, [&] { return semaphore.Take(deadline, interrupted); });
+    if (got == options.count) {
+        return 0;
+    }
+    if (Signals::Count() > 0) {
+        return ExitInterrupted(Signals::First());
+    }
+    throw std::runtime_error(
+        fmt::format("semaphore /{}: {} of {} units came within {} s; none taken", name, got,
+                    options.count, *options.timeout));
+}
+
+int RunTry(const SemOptions& options) {
+    const std::string name = BareName(options);
+    const SystemSemaphore semaphore(name, SystemSemaphore::IfMissing::Refuse);
+    const int got = TakeAll(semaphore, options.count, [&] { return semaphore.TryTake(); });
+    if (got == options.count) {
+        return 0;
+    }
+    throw std::runtime_error(
+        fmt::format("semaphore /{}: {} of {} units free; none taken", name, got, options.count));
+}
+
+using Options = std::shared_ptr<SemOptions>;
+
+Verb AddSemVerb(CLI::App& group, const char* verb, const char* help, int (*run)(const SemOptions&),
+                const Options& options) {
+    CLI::App* const command = group.add_subcommand(verb, help);
+    command->add_option("NAME", options->name, "Name of the semaphore, with or without its slash")
+        ->required()
+        ->option_text(" ");
+    return {command, [options, run] { return run(*options); }};
+}
+
+void AddCount(const Verb& verb, const Options& options, const char* help) {
+    verb.command->add_option("--count", options->count, help)
+        ->check(CLI::Range(1, SEM_VALUE_MAX))
+        ->option_text("N [1]");
+}
+
+Verb AddShow(CLI::App& group) {
+    return AddSemVerb(group, "show", "Tell its value", RunShow, std::make_shared<SemOptions>());
+}
+
+Verb AddPost(CLI::App& group) {
+    const auto options = std::make_shared<SemOptions>();
+    const Verb verb = AddSemVerb(group, "post", "Give units", RunPost, options);
+    AddCount(verb, options, "How many");
+    verb.command->footer(
+        "The units stay when the command ends, unlike those that a handle of the library posts. A\n"
+        "semaphore that is not there is made.");
+    return verb;
+}
+
+Verb AddWait(CLI::App& group) {
+    const auto options = std::make_shared<SemOptions>();
+    const Verb verb = AddSemVerb(group, "wait", "Take units, waiting for them", RunWait, options);
+    AddCount(verb, options, "How many: all or none");
+    verb.command->add_option("--timeout", options->timeout, "Give up after so long, with status 1")
+        ->option_text("SECONDS");
+    verb.command->footer(
+        "The units stay taken when the command ends. If it gives up or is interrupted, none are.\n"
+        "A semaphore that is not there is made.");
+    return verb;
+}
+
+Verb AddTry(CLI::App& group) {
+    const auto options = std::make_shared<SemOptions>();
+    const Verb verb =
+        AddSemVerb(group, "try", "Take units if they are free; status 1 if not", RunTry, options);
+    AddCount(verb, options, "How many: all or none");
+    return verb;
+}
+
+}  // namespace
+
+std::vector<Verb> AddSemVerbs(CLI::App& app) {
+    CLI::App* const group = app.add_subcommand("sem", "Look at, post to or take from a semaphore");
+    group->require_subcommand(1);
+    return {AddShow(*group), AddPost(*group), AddWait(*group), AddTry(*group)};
+}
+
+}  // namespace qel
