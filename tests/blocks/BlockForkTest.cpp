@@ -13,18 +13,6 @@ constexpr const char* kInChild = "Attempted to lock LockFile in child process";
 
 class ABlockInAForkedProcess : public BlockTest {
 protected:
-    /// Runs `body` in a forked process and returns what it says.
-    template <typename Body>
-    static std::string InChild(Body body) {
-        ChildProcess child([body](const Conversation& parent) {
-            parent.Say(body());
-            return 0;
-        });
-        std::string said = child.Hear();
-        EXPECT_EQ(child.ExitCode(), 0);
-        return said;
-    }
-
     CapturedLog log_;  // keeps the refusals off standard error
     std::unique_ptr<SharedMemoryBlock> block_ = Creator();
 };

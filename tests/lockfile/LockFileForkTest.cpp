@@ -15,17 +15,6 @@ namespace {
 
 class LockFileInAForkedProcess : public LockFileTest {
 protected:
-    /// Runs `body` in a forked process and returns what it says.
-    template <typename Body>
-    static std::string InChild(Body body) {
-        ChildProcess child([body](const Conversation& parent) {
-            parent.Say(body());
-            return 0;
-        });
-        std::string said = child.Hear();
-        EXPECT_EQ(child.ExitCode(), 0);
-        return said;
-    }
     /// What `action` throws, and what it logs as "operation: text".
     template <typename Action>
     std::string Outcome(const Action& action) {

@@ -21,6 +21,21 @@ class SemaphoreBetweenProcesses : public testing::Test {
 protected:
     [[nodiscard]] const std::string& Name() const { return name_.Name(); }
 
+    /// Kills a process that has done `action` with a handle.
+    template <typename Action>
+    void KillAfter(const Action& action) const {
+        ChildProcess child([&](const Conversation& parent) {
+            const NamedSemaphore handle(Name(), 0);
+            action(handle);
+            parent.Say("done");
+            (void)parent.Hear();
+            return 0;
+        });
+        EXPECT_EQ(child.Hear(), "done");
+        child.Kill();
+        EXPECT_EQ(child.ExitCode(), -1);
+    }
+
     const UniqueSemaphoreName name_;
 };
 
@@ -107,33 +122,19 @@ TEST_F(SemaphoreBetweenProcesses, EndOfAHandleGivesTakenUnitsToWhoeverWaits) {
 
 TEST_F(SemaphoreBetweenProcesses, KilledProcessGivesNothingBack) {
     const NamedSemaphore semaphore(Name(), 3);
-    ChildProcess child([&](const Conversation& parent) {
-        const NamedSemaphore taker(Name(), 0);
+    KillAfter([](const NamedSemaphore& taker) {
         taker.Wait();
         taker.Wait();
-        parent.Say("taken");
-        (void)parent.Hear();
-        return 0;
     });
-    ASSERT_EQ(child.Hear(), "taken");
-    child.Kill();
-    EXPECT_EQ(child.ExitCode(), -1);
     EXPECT_EQ(semaphore.GetValue(), 1);
 }
 
 TEST_F(SemaphoreBetweenProcesses, KilledProcessTakesNothingBack) {
     const NamedSemaphore semaphore(Name(), 0);
-    ChildProcess child([&](const Conversation& parent) {
-        const NamedSemaphore giver(Name(), 0);
+    KillAfter([](const NamedSemaphore& giver) {
         giver.Post();
         giver.Post();
-        parent.Say("given");
-        (void)parent.Hear();
-        return 0;
     });
-    ASSERT_EQ(child.Hear(), "given");
-    child.Kill();
-    EXPECT_EQ(child.ExitCode(), -1);
     EXPECT_EQ(semaphore.GetValue(), 2);
 }
 

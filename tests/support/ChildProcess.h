@@ -133,4 +133,15 @@ private:
     std::optional<Conversation> conversation_;
 };
 
+/// Runs `body` in a forked process and returns what it says, or nothing if it fails.
+template <typename Body>
+std::string InChild(Body body) {
+    ChildProcess child([body](const Conversation& parent) {
+        parent.Say(body());
+        return 0;
+    });
+    std::string said = child.Hear();
+    return child.ExitCode() == 0 ? said : std::string();
+}
+
 }  // namespace qel::test
