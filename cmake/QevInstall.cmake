@@ -21,7 +21,7 @@ install(FILES ${PROJECT_BINARY_DIR}/qev_SharedMemoryConfig.cmake
 # The pkg-config files find the tree from their own place, so that it can be moved.
 file(RELATIVE_PATH prefix_from_pkgconfig ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
      ${CMAKE_INSTALL_PREFIX})
-foreach(package qev_SharedMemory qev_PipelineKit)
+foreach(package qev_FileDescriptor qev_MappedFile qev_SharedMemory qev_PipelineKit)
     configure_file(${CMAKE_CURRENT_LIST_DIR}/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc
                    @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/${package}.pc

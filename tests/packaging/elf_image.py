@@ -37,6 +37,19 @@ class ElfImage:
             if entry.entry.d_tag == "DT_" + tag
         ]
 
+    def exported(self):
+        """(mangled name, kind, size) of every symbol that the library defines for others; kind is
+        "FUNC" or "OBJECT"."""
+        return [
+            (symbol.name, symbol["st_info"]["type"].removeprefix("STT_"), symbol["st_size"])
+            for symbol in self._elf.get_section_by_name(".dynsym").iter_symbols()
+            if symbol["st_shndx"] not in ("SHN_UNDEF", "SHN_ABS") and symbol.name
+        ]
+
+    def is_made_for_the_address_sanitizer(self):
+        table = self._elf.get_section_by_name(".dynsym")
+        return any(symbol.name == "__asan_init" for symbol in table.iter_symbols())
+
     def has_symbols(self):
         return bool(self._by_name)
 
@@ -98,6 +111,17 @@ class Type:
             and not _name(die).startswith("_vptr")
         ]
 
+    def bases(self):
+        """(name, offset) of the type's direct bases."""
+        return [
+            (
+                _name(die.get_DIE_from_attribute("DW_AT_type")),
+                die.attributes["DW_AT_data_member_location"].value,
+            )
+            for die in self._die.iter_children()
+            if die.tag == "DW_TAG_inheritance"
+        ]
+
     def enumerators(self):
         return {
             _name(die): die.attributes["DW_AT_const_value"].value
@@ -119,7 +143,7 @@ def _collect(parent, prefix, found):
         if die.tag == "DW_TAG_namespace":
             _collect(die, f"{prefix}{_name(die)}::", found)
         elif die.tag in _TYPES:
-            name = prefix + _name(die)
+            name = prefix + _name(die).replace(" (", "(")  # compilers differ in void(int)
             if "DW_AT_byte_size" in die.attributes:
                 found.setdefault(name, Type(die))
             _collect(die, name + "::", found)

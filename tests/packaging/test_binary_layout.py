@@ -26,12 +26,19 @@ SHARED_PACKET_BUFFER = (
     "DoReleasePacket DoReleasePackets DoWritePacket DoWriteCriticalPacket DoWriteMultiDataPacket"
     " DoReadNextPacket DoPrint DoGetCurrentCapacity DoReadData"
 ).split()
+BLOCK_READER = "DoLock DoTryLock DoUnlock DoGetData DoSize".split()
+BLOCK_WRITER = (
+    "DoLockForWrite DoTryLockForWrite DoUnlockForWrite DoLockForRead DoTryLockForRead"
+    " DoUnlockForRead DoGetDataForRead DoGetDataForWrite DoSize"
+).split()
 
 INTERFACES = {
     "SysIF": ("Sys", SYS),
     "SharedMemLibIF": ("SharedMemLib", SHARED_MEM_LIB),
     "SharedBufferIF": ("SharedBuffer", SHARED_BUFFER),
     "SharedPacketBufferIF": ("SharedPacketBuffer", SHARED_PACKET_BUFFER),
+    "SharedMemoryBlockReaderIF": ("SharedMemoryBlockReader", BLOCK_READER),
+    "SharedMemoryBlockWriterIF": ("SharedMemoryBlockWriter", BLOCK_WRITER),
 }
 
 # Size of each record, then its members in order of declaration: name, offset, width.
@@ -62,6 +69,13 @@ SHARED_FORMATS = {
         ("startTick", 5, 4),
         ("stopTick", 9, 4),
         ("timestamp", 13, 4),
+    ]),
+    "SharedMemoryMetadata": (32, [
+        ("pid", 0, 4),
+        ("fd", 4, 4),
+        ("dev", 8, 8),
+        ("ino", 16, 8),
+        ("uid", 24, 8),
     ]),
 }
 
@@ -100,7 +114,7 @@ CLIENT_RECORDS = {
     "ReadNextPacketResult": (64, [("packet", 0, 48), ("index", 48, 8), ("status", 56, 4)]),
 }
 
-# The pointer to the virtual table takes the first 8 bytes of each.
+# The pointer to the virtual table takes the first 8 bytes of a class that has one.
 CLASSES = {
     "SysIF": (16, [("impl_", 8, 8)]),
     "SharedMemLibIF": (16, [("impl_", 8, 8)]),
@@ -119,7 +133,72 @@ CLASSES = {
         ("errorString_", 128, 32),
     ]),
     "SharedPacketBuffer": (16, [("ring_", 8, 8)]),
+    "SharedMemoryBlockReaderIF": (8, []),
+    "SharedMemoryBlockWriterIF": (8, []),
+    "SharedMemoryBlockReader": (16, [("impl_", 8, 8)]),
+    "SharedMemoryBlockWriter": (16, [("impl_", 8, 8)]),
+    "SharedMemoryBlock": (216, [
+        ("mapping_", 0, 40),  # a stored deleter, then the pointer
+        ("accessFlags_", 40, 4),
+        ("header_", 48, 8),
+        ("data_", 56, 8),
+        ("sys_", 64, 16),
+        ("size_", 80, 8),
+        ("lockFile_", 88, 8),
+        ("writerThread_", 96, 8),
+        ("readerMutex_", 104, 40),
+        ("readerThreads_", 144, 56),
+        ("fd_", 200, 16),
+    ]),
+    "SharedMemoryBlockReader::Impl": (216, []),
+    "SharedMemoryBlockWriter::Impl": (216, []),
+    "LockFileBase": (176, [
+        ("creator_", 0, 4),
+        ("file_", 8, 64),
+        ("sharedHolders_", 72, 4),
+        ("exclusive_", 76, 1),
+        ("process_", 77, 1),
+        ("access_", 80, 56),
+        ("counterMutex_", 136, 40),
+    ]),
+    "LockFileIOBase<qel::SharedMemoryMetadata>": (176, []),
+    "NamedSemaphore": (8, [("impl_", 0, 8)]),
+    "NamedSemaphore::Impl": (64, [
+        ("name_", 0, 32),
+        ("balance_", 32, 8),
+        ("semaphore_", 40, 8),
+        ("sys_", 48, 16),
+    ]),
+    "SemaphoreMultiLockHelper": (16, [("semaphore", 0, 8), ("count", 8, 8)]),
 }
+
+# What the library holds by value of classes that another library defines.
+COMPANIONS = {
+    "MappedFile": (64, [
+        ("path_", 0, 32),
+        ("descriptor_", 32, 16),
+        ("data_", 48, 8),
+        ("length_", 56, 8),
+    ]),
+    "FileDescriptor": (16, [("descriptor_", 0, 4), ("closer_", 8, 8)]),
+    "UniqueFunction<void(int)>": (8, [("target_", 0, 8)]),
+}
+
+# A class that is not named here has no base. All bases stand at the start.
+BASES = {
+    "Sys": "SysIF",
+    "SharedMemLib": "SharedMemLibIF",
+    "SharedBuffer": "SharedBufferIF",
+    "SharedPacketBuffer": "SharedPacketBufferIF",
+    "SharedMemoryBlockReader": "SharedMemoryBlockReaderIF",
+    "SharedMemoryBlockWriter": "SharedMemoryBlockWriterIF",
+    "SharedMemoryBlockReader::Impl": "SharedMemoryBlock",
+    "SharedMemoryBlockWriter::Impl": "SharedMemoryBlock",
+    "LockFileIOBase<qel::SharedMemoryMetadata>": "LockFileBase",
+}
+
+# The classes whose private object is there without state, for state that may come.
+EMPTY_PRIVATE_OBJECTS = ("SysIF::Impl", "SharedMemLibIF::Impl", "SharedBufferIF::Impl")
 
 
 def operation_of(signature):
@@ -168,7 +247,7 @@ class Layout(unittest.TestCase):
                 self.assertEqual(actual, members)
                 self.assertEqual(found.size, size)
 
-    def test_the_formats_in_the_segment_are_kept_to_the_byte(self):
+    def test_the_formats_that_processes_share_are_kept_to_the_byte(self):
         self.check(SHARED_FORMATS)
 
     def test_the_records_that_clients_exchange_keep_their_field_order(self):
@@ -176,6 +255,21 @@ class Layout(unittest.TestCase):
 
     def test_the_classes_keep_their_members_in_order(self):
         self.check(CLASSES)
+
+    def test_the_companions_keep_their_members_in_order(self):
+        self.check(COMPANIONS)
+
+    def test_each_class_has_its_one_base_or_none(self):
+        for name in CLASSES | COMPANIONS:
+            with self.subTest(name):
+                expected = [(BASES[name], 0)] if name in BASES else []
+                self.assertEqual(self.types[name].bases(), expected)
+
+    def test_the_private_objects_of_the_interfaces_are_empty(self):
+        for name in EMPTY_PRIVATE_OBJECTS:
+            with self.subTest(name):
+                self.assertEqual(self.types[name].size, 1)
+                self.assertEqual(self.types[name].members(), [])
 
     def test_the_status_codes_keep_their_numbers(self):
         codes = {

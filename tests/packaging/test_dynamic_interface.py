@@ -5,19 +5,35 @@ The exported symbols are kept in exported/<library>.txt. A change there is a cha
 may rely on."""
 
 import pathlib
+import re
 import subprocess
 import sys
 import unittest
 
-from elf_image import ElfImage
+from elf_image import ElfImage, demangle
 
 SYSTEM = {"libstdc++", "libgcc_s", "libm", "libc"}
+
+# Bytes of a std::unordered_map.
+REGISTRY = 56
+VIEW = "std::basic_string_view<char, std::char_traits<char> >"
+
+# What every mangled name of something in namespace qel begins with: the thing itself, or the virtual
+# table or type information of it.
+OURS = re.compile(r"_Z(T[VIS])?NK?3qel")
 
 EXPECTED = {
     "SharedMemory": {
         "soname": "libqev_SharedMemory.so.1",
         "version": "QEV_SHAREDMEMORY_1",
         "needed": SYSTEM | {"libqev_FileDescriptor", "libqev_Logger", "libqev_MappedFile"},
+        "objects": {
+            "qel::IF<qel::SharedMemoryBlockReaderIF>::ifConstructors<>": REGISTRY,
+            f"qel::IF<qel::SharedMemoryBlockReaderIF>::ifConstructors<{VIEW} >": REGISTRY,
+            "qel::IF<qel::SharedMemoryBlockWriterIF>::ifConstructors<>": REGISTRY,
+            f"qel::IF<qel::SharedMemoryBlockWriterIF>::ifConstructors<{VIEW}, unsigned long>":
+                REGISTRY,
+        },
     },
     # No symbol version on the companions, so that another library of this name can take its place.
     "Logger": {
@@ -64,6 +80,26 @@ class DynamicInterface(unittest.TestCase):
         versions = {version for _, version in exported_symbols()}
         self.assertEqual(versions, {EXPECTED[library]["version"]})
 
+    def test_nothing_is_exported_but_what_is_ours(self):
+        # A template of the standard library made for one of our types would take the place of the
+        # client's own.
+        for name, _, _ in ElfImage(path).exported():
+            with self.subTest(name):
+                self.assertRegex(name, OURS)
+
+    def test_the_only_data_to_be_shared_are_the_registries(self):
+        image = ElfImage(path)
+        objects = {name: size for name, kind, size in image.exported() if kind == "OBJECT"}
+        data = {
+            name: size
+            for name, size in zip(demangle(objects), objects.values())
+            if not name.startswith(("vtable for", "typeinfo for", "typeinfo name for"))
+        }
+        expected = EXPECTED[library].get("objects", {})
+        self.assertEqual(data.keys(), expected.keys())
+        if not image.is_made_for_the_address_sanitizer():  # which makes all objects bigger
+            self.assertEqual(data, expected)
+
     def test_the_library_names_itself(self):
         self.assertEqual(ElfImage(path).dynamic("SONAME"), [EXPECTED[library]["soname"]])
 
@@ -71,6 +107,11 @@ class DynamicInterface(unittest.TestCase):
         needed = {name.partition(".so")[0] for name in ElfImage(path).dynamic("NEEDED")}
         self.assertLessEqual(needed, EXPECTED[library]["needed"])
         self.assertIn("libstdc++", needed)
+
+    def test_every_library_of_ours_that_stands_beside_it_is_needed(self):
+        needed = {name.partition(".so")[0] for name in ElfImage(path).dynamic("NEEDED")}
+        beside = EXPECTED[library]["needed"] - SYSTEM - {"libspdlog", "libfmt"}
+        self.assertLessEqual(beside, needed)
 
 
 if __name__ == "__main__":
