@@ -94,6 +94,9 @@ int Run(const std::string& name) {
         ::execl("/proc/self/exe", "all_services", name.c_str(), nullptr);
         ::_exit(2);
     }
+    if (recorder == -1) {
+        return 1;
+    }
     Film(name, sent);
     int status = 0;
     return ::waitpid(recorder, &status, 0) == recorder && status == 0 ? 0 : 1;

@@ -49,7 +49,7 @@ bool ReaderSees(const std::string& name, std::uint32_t framesPerSecond) {
         ::_exit(2);
     }
     int status = 0;
-    return ::waitpid(reader, &status, 0) == reader && status == 0;
+    return reader > 0 && ::waitpid(reader, &status, 0) == reader && status == 0;
 }
 
 void Write(qel::SharedMemoryBlockWriter& block, const Settings& settings) {

@@ -42,7 +42,7 @@ bool UserGetsASlot(const std::string& name) {
         ::_exit(2);
     }
     int status = 0;
-    return ::waitpid(user, &status, 0) == user && status == 0;
+    return user > 0 && ::waitpid(user, &status, 0) == user && status == 0;
 }
 
 int Run(const std::string& name) {

@@ -152,7 +152,7 @@ CLASSES = {
     ]),
     "SharedMemoryBlockReader::Impl": (216, []),
     "SharedMemoryBlockWriter::Impl": (216, []),
-    "LockFileBase": (176, [
+    "LockFileBase": (184, [
         ("creator_", 0, 4),
         ("file_", 8, 64),
         ("sharedHolders_", 72, 4),
@@ -160,8 +160,9 @@ CLASSES = {
         ("process_", 77, 1),
         ("access_", 80, 56),
         ("counterMutex_", 136, 40),
+        ("owner_", 176, 8),
     ]),
-    "LockFileIOBase<qel::SharedMemoryMetadata>": (176, []),
+    "LockFileIOBase<qel::SharedMemoryMetadata>": (184, []),
     "NamedSemaphore": (8, [("impl_", 0, 8)]),
     "NamedSemaphore::Impl": (64, [
         ("name_", 0, 32),

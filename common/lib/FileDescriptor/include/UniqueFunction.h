@@ -7,6 +7,15 @@
 
 namespace qel {
 
+namespace unique_function_detail {
+
+template <typename Callable>
+inline constexpr bool kIsStdFunction = false;
+template <typename Signature>
+inline constexpr bool kIsStdFunction<std::function<Signature>> = true;
+
+}  // namespace unique_function_detail
+
 template <typename Signature>
 class UniqueFunction;
 
@@ -19,13 +28,14 @@ class UniqueFunction<Result(Args...)> {
 public:
     UniqueFunction() noexcept = default;
 
-    /// Takes over `callable`.
+    /// Takes over `callable`; holds nothing if that is a null pointer or an empty `std::function`.
     template <typename Callable,
               typename = std::enable_if_t<!std::is_same_v<std::decay_t<Callable>, UniqueFunction> &&
                                           std::is_invocable_r_v<Result, Callable&, Args...>>>
     UniqueFunction(Callable&& callable)  // NOLINT(google-explicit-constructor): as std::function
-        : target_(std::make_unique<Target<std::decay_t<Callable>>>(
-              std::in_place, std::forward<Callable>(callable))) {}
+        : target_(IsNull(callable) ? nullptr
+                                   : std::make_unique<Target<std::decay_t<Callable>>>(
+                                         std::in_place, std::forward<Callable>(callable))) {}
 
     UniqueFunction(UniqueFunction&&) noexcept = default;
     UniqueFunction& operator=(UniqueFunction&&) noexcept = default;
@@ -72,6 +82,16 @@ private:
     private:
         Callable callable_;
     };
+
+    template <typename Callable>
+    static bool IsNull(const Callable& callable) {
+        if constexpr (std::is_pointer_v<Callable> || std::is_member_pointer_v<Callable> ||
+                      unique_function_detail::kIsStdFunction<Callable>) {
+            return callable == nullptr;
+        } else {
+            return false;
+        }
+    }
 
     std::unique_ptr<TargetIF> target_;
 };

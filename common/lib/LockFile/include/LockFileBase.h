@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "LockFileLog.h"
 #include "MappedFile.h"
@@ -35,10 +36,12 @@ namespace qel {
 ///     given back in reverse.
 ///  2. `sharedHolders_` > 0: `access_` is held in shared mode that many times and the process has
 ///     one shared `flock`. It changes under `counterMutex_` only.
-///  3. `exclusive_`: `access_` is held exclusively and the process has the exclusive `flock`.
+///  3. `exclusive_`: `access_` is held exclusively, by thread `owner_`, and the process has the
+///     exclusive `flock`.
 ///  4. A lock operation that throws has given back what it took.
 ///  5. A release with nothing held does to `flock`, count and flag what every release does, but
-///     leaves `access_` alone, so both kinds of lock work afterwards.
+///     leaves `access_` alone, so both kinds of lock work afterwards. The same holds for a release
+///     of the exclusive lock by a thread that has not taken it: `owner_` still gives it back.
 class LockFileBase {
 public:
     LockFileBase(const LockFileBase&) = delete;
@@ -92,9 +95,11 @@ private:
     }
     [[noreturn]] void FailToLock(const char* operation, int error) const;
     void FlockUnlock() const;
+    void TakeExclusive();
 
     std::shared_mutex access_;
     std::mutex counterMutex_;
+    std::atomic<std::thread::id> owner_{};  ///< holds `access_` exclusively; survives a fork
 };
 
 inline LockFileBase::LockFileBase(std::string_view path) : creator_(::getpid()) {
@@ -151,6 +156,11 @@ inline void LockFileBase::FlockUnlock() const {
     }
 }
 
+inline void LockFileBase::TakeExclusive() {
+    owner_ = std::this_thread::get_id();
+    exclusive_ = true;
+}
+
 inline void LockFileBase::LockShared() {
     RequireLockable("LockShared");
     std::shared_lock<std::shared_mutex> access(access_);
@@ -171,7 +181,7 @@ inline void LockFileBase::LockExclusive() {
     if (!Flock(LOCK_EX)) {
         FailToLock("LockExclusive", errno);
     }
-    exclusive_ = true;
+    TakeExclusive();
     access.release();  // held until UnlockExclusive
 }
 
@@ -211,7 +221,7 @@ inline bool LockFileBase::TryLockExclusive() {
         }
         FailToLock("TryLockExclusive", errno);
     }
-    exclusive_ = true;
+    TakeExclusive();
     access.release();
     return true;
 }
@@ -238,14 +248,14 @@ inline void LockFileBase::UnlockShared() {
 
 inline void LockFileBase::UnlockExclusive() {
     RequireUnlockable("UnlockExclusive");
-    bool held = exclusive_;
     if (InCreator()) {
         FlockUnlock();
-        held = exclusive_.exchange(false);
+        exclusive_ = false;
     } else {
         file_.Close();  // flock(LOCK_UN) here would release the parent's lock
     }
-    if (held) {
+    if (owner_ == std::this_thread::get_id()) {
+        owner_ = std::thread::id();
         access_.unlock();
     }
 }

@@ -60,7 +60,7 @@ public:
             lock_file_log::Fail("Read", __LINE__,
                                 "Attempted to lock invalid LockFile " + file_.Path());
         }
-        if (sharedHolders_ == 0 && !exclusive_) {
+        if (sharedHolders_ < 1 && !exclusive_) {
             lock_file_log::Fail("Read", __LINE__, "Read called while not locked");
         }
         if (!InRange(length, offset)) {

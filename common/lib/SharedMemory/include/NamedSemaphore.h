@@ -16,6 +16,9 @@ namespace qel {
 ///
 /// The semaphore itself outlives all handles. A process that is killed settles nothing.
 ///
+/// Processes: a handle belongs to the process that made it. A process forked from that one must
+/// leave it, by exec or _exit, without destroying its copy, which would settle the balance again.
+///
 /// Thread use: any number of threads may use one handle, but not while it is moved or destroyed.
 /// A handle without a semaphore, default-constructed or moved from, throws std::runtime_error from
 /// every operation.

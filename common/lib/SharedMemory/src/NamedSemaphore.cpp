@@ -6,11 +6,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <iostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "StandardOutput.h"
 #include "Sys.h"
 
 namespace qel {
@@ -23,11 +23,12 @@ std::string ErrorText() {
     return std::strerror(errno);
 }
 
-/// For a destructor: writes a line on standard output, or nothing if that cannot be.
-template <typename... Texts>
-void Tell(const Texts&... texts) noexcept {
+/// For a destructor: does `action`. If standard output or a substitute system call throws, nobody
+/// is left to tell.
+template <typename Action>
+void Attempt(const Action& action) noexcept {
     try {
-        (std::cout << ... << texts) << std::endl;
+        action();
     } catch (...) {
         return;
     }
@@ -68,6 +69,8 @@ public:
 private:
     [[noreturn]] void FailToOpen(int error) const;
     void Settle() const;
+    void SettleBalance() const;
+    void Close() const;
 
     std::string name_;
     mutable std::atomic<std::int64_t> balance_{0};
@@ -85,25 +88,34 @@ NamedSemaphore::Impl::Impl(std::string_view name, std::shared_ptr<SysIF> sys, un
 
 void NamedSemaphore::Impl::FailToOpen(int error) const {
     if (error == ENAMETOOLONG || error == EINVAL) {
-        std::cout << "Exception: Invalid Semaphore name: " << name_ << " errno: " << error << "\n";
+        WriteOut("Exception: Invalid Semaphore name: " + name_ +
+                 " errno: " + std::to_string(error) + "\n");
         throw std::invalid_argument("Exception: Invalid Semaphore name");
     }
-    std::cout << "Exception: Problem Creating Semaphore - " << error << "\n";
+    WriteOut("Exception: Problem Creating Semaphore - " + std::to_string(error) + "\n");
     throw std::runtime_error("Exception: Problem Creating Semaphore");
 }
 
 NamedSemaphore::Impl::~Impl() {
-    try {
-        Settle();
-    } catch (...) {
-        Tell("Error: Could not reset sempahore");
-    }
+    Attempt([this] { Settle(); });
+    Attempt([this] { Close(); });
+}
+
+void NamedSemaphore::Impl::Close() const {
     if (sys_->sem_close(semaphore_) == -1) {
-        Tell("Error: Could not close semaphore ", name_, "err: ", std::strerror(errno));
+        WriteOutLine("Error: Could not close semaphore " + name_ + "err: " + ErrorText());
     }
 }
 
 void NamedSemaphore::Impl::Settle() const {
+    try {
+        SettleBalance();
+    } catch (...) {
+        WriteOutLine("Error: Could not reset sempahore");
+    }
+}
+
+void NamedSemaphore::Impl::SettleBalance() const {
     while (balance_ < 0) {
         Post();
     }
@@ -155,8 +167,7 @@ bool NamedSemaphore::Impl::TryWait() const {
 int NamedSemaphore::Impl::GetValue() const {
     int value = 0;
     if (sys_->sem_getvalue(semaphore_, &value) == -1) {
-        const std::string reason = ErrorText();  // writing can change errno
-        std::cout << "NamedSemaphore - sem_getvalue: failed: " << reason << std::endl;
+        WriteOutLine("NamedSemaphore - sem_getvalue: failed: " + ErrorText());
     }
     return value;
 }

@@ -1,12 +1,14 @@
 #include "SemaphoreMultiLockHelper.h"
 
 #include <exception>
-#include <iostream>
+
+#include "StandardOutput.h"
 
 namespace qel {
 namespace {
 
-void Give(const NamedSemaphore& semaphore, std::uint32_t units) {
+/// @param units  read anew after each, as a helper's own count is
+void Give(const NamedSemaphore& semaphore, const std::uint64_t& units) {
     for (std::uint32_t i = 0; i < units; ++i) {
         semaphore.Post();
     }
@@ -18,7 +20,7 @@ void Give(const NamedSemaphore& semaphore, std::uint32_t units) {
     try {
         Give(semaphore, taken);
     } catch (...) {
-        std::cout << "SemaphoreMultiLockHelper failed to unroll after exception in lock\n";
+        WriteOut("SemaphoreMultiLockHelper failed to unroll after exception in lock\n");
         std::throw_with_nested(failure);
     }
     std::rethrow_exception(failure);
@@ -55,9 +57,7 @@ bool SemaphoreMultiLockHelper::TryLock() {
 }
 
 void SemaphoreMultiLockHelper::Unlock() {
-    for (std::uint32_t given = 0; given < count; ++given) {
-        semaphore.Post();
-    }
+    Give(semaphore, count);
 }
 
 }  // namespace qel

@@ -1,12 +1,13 @@
 #include "SharedMemLib.h"
 
-#include <iostream>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "SharedBuffer.h"
 #include "SharedMemLibFactory.h"
 #include "SharedPacketBuffer.h"
+#include "StandardOutput.h"
 #include "SysFactory.h"
 
 namespace qel {
@@ -14,7 +15,8 @@ namespace {
 
 SharedPacketBufferResult Refuse(const std::exception& reason, SMStatusCode status) {
     // One wording for both statuses; only the status tells them apart.
-    std::cout << "Trouble creating shared memory invalid parameter: " << reason.what() << "\n";
+    WriteOut("Trouble creating shared memory invalid parameter: " + std::string(reason.what()) +
+             "\n");
     return {nullptr, status};
 }
 

@@ -9,16 +9,18 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <iostream>
 #include <random>
 #include <stdexcept>
 #include <utility>
 
 #include "SharedMemoryBlock.h"
+#include "StandardOutput.h"
 
 namespace qel {
 namespace {
 
+constexpr const char* kNotRegular =
+    "shared memory file is not of regular type, assuming stale file descriptor";
 constexpr unsigned kMemfdFlags = 2;  // MFD_ALLOW_SEALING
 
 std::string ErrorText(int error) {
@@ -44,15 +46,10 @@ struct Unmapper {
     std::uint64_t length;
 
     void operator()(unsigned char* start) const noexcept {
-        if (sys->munmap(start, length) == -1) {
-            Report(errno);
-        }
-    }
-
-private:
-    static void Report(int error) noexcept {
         try {
-            std::cout << "Problem unmapping shared memory fd - " << error << "\n";
+            if (sys->munmap(start, length) == -1) {
+                WriteOut("Problem unmapping shared memory fd - " + std::to_string(errno) + "\n");
+            }
         } catch (...) {
             return;  // runs in a destructor, and there is nowhere left to report to
         }
@@ -144,6 +141,9 @@ SharedMemoryBlock::OpenResult SharedMemoryBlock::Attach(const SharedMemoryMetada
     if (::stat(path.c_str(), &status) == -1) {
         return {false, "file does not exist"};
     }
+    if (S_ISFIFO(status.st_mode)) {
+        return {false, kNotRegular};  // to open it could wait for ever, with the lock held
+    }
     const int flags = (write ? O_RDWR : O_RDONLY) | O_CLOEXEC;
     FileDescriptor descriptor(::open(path.c_str(), flags));
     if (!descriptor.IsOpen()) {
@@ -154,7 +154,7 @@ SharedMemoryBlock::OpenResult SharedMemoryBlock::Attach(const SharedMemoryMetada
                 "could not fstat the shared memory file for validation: " + ErrorText(errno)};
     }
     if (!IsRegular(status)) {
-        return {false, "shared memory file is not of regular type, assuming stale file descriptor"};
+        return {false, kNotRegular};
     }
     if (status.st_ino != record.ino || status.st_dev != record.dev) {
         return {false,
