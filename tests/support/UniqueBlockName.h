@@ -11,7 +11,7 @@ namespace qel::test {
 /// A block name that no other test uses; the block's lock file is removed with it.
 class UniqueBlockName : public UniqueName {
 public:
-    UniqueBlockName() = default;
+    UniqueBlockName() : UniqueName("") {}
     ~UniqueBlockName() {
         if (IsOwner()) {
             ::unlink(LockPath().c_str());

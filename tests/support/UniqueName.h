@@ -17,7 +17,7 @@ public:
     [[nodiscard]] const std::string& Name() const { return name_; }
 
 protected:
-    explicit UniqueName(const std::string& prefix = "")
+    explicit UniqueName(const std::string& prefix)
         : owner_(::getpid()),
           name_(prefix + "qev-test-" + std::to_string(owner_) + "-" + std::to_string(Next())) {}
     ~UniqueName() = default;

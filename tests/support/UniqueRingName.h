@@ -11,7 +11,7 @@ namespace qel::test {
 /// A ring name that no other test uses; the ring's object is removed with it.
 class UniqueRingName : public UniqueName {
 public:
-    UniqueRingName() = default;
+    UniqueRingName() : UniqueName("") {}
     ~UniqueRingName() {
         if (IsOwner()) {
             ::shm_unlink(ObjectName().c_str());
