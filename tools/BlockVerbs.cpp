@@ -179,8 +179,8 @@ Verb AddBlockVerb(CLI::App& group, const char* verb, const char* help, const Run
 
 Verb AddWrite(CLI::App& group) {
     const auto options = std::make_shared<BlockOptions>();
-    const Verb verb = AddBlockVerb(group, "write", "Fill a block from standard input or a file",
-                                   RunBlockWrite, options);
+    Verb verb = AddBlockVerb(group, "write", "Fill a block from standard input or a file",
+                             RunBlockWrite, options);
     AddBytesOption(*verb.command, "--size", options->size,
                    "Size of the block, if it is to be made; KiB, MiB and so on allowed")
         ->required()
@@ -198,8 +198,8 @@ Verb AddWrite(CLI::App& group) {
 
 Verb AddRead(CLI::App& group) {
     const auto options = std::make_shared<BlockOptions>();
-    const Verb verb = AddBlockVerb(group, "read", "Write the content to standard output or a file",
-                                   RunBlockRead, options);
+    Verb verb = AddBlockVerb(group, "read", "Write the content to standard output or a file",
+                             RunBlockRead, options);
     verb.command->add_option("--output", options->file, "File to write; - is standard output")
         ->option_text("FILE [-]");
     verb.command->footer("Waits while somebody writes to the block. All of its bytes come out.");
@@ -207,8 +207,8 @@ Verb AddRead(CLI::App& group) {
 }
 
 Verb AddShow(CLI::App& group) {
-    const Verb verb = AddBlockVerb(group, "show", "Tell what can be seen of a block from outside",
-                                   RunBlockShow, std::make_shared<BlockOptions>());
+    Verb verb = AddBlockVerb(group, "show", "Tell what can be seen of a block from outside",
+                             RunBlockShow, std::make_shared<BlockOptions>());
     verb.command->footer(
         "The record by which it is found, whether its creator is alive, its size, and who has it\n"
         "open. Takes no lock and changes nothing.");

@@ -28,8 +28,7 @@ constexpr double kLongestTimeout = 1e9;
 
 /// The name without the slash that may stand before it.
 std::string BareName(const SemOptions& options) {
-    const std::string name =
-        options.name.rfind('/', 0) == 0 ? options.name.substr(1) : options.name;
+    std::string name = options.name.rfind('/', 0) == 0 ? options.name.substr(1) : options.name;
     RequireOrUsage([&] { RequireObjectName("semaphore", name, kLongestSemaphoreName); });
     return name;
 }
@@ -172,7 +171,7 @@ Verb AddShow(CLI::App& group) {
 
 Verb AddPost(CLI::App& group) {
     const auto options = std::make_shared<SemOptions>();
-    const Verb verb = AddSemVerb(group, "post", "Give units", RunPost, options);
+    Verb verb = AddSemVerb(group, "post", "Give units", RunPost, options);
     AddCount(verb, options, "How many");
     verb.command->footer(
         "The units stay when the command ends, unlike those that a handle of the library posts. A\n"
@@ -182,7 +181,7 @@ Verb AddPost(CLI::App& group) {
 
 Verb AddWait(CLI::App& group) {
     const auto options = std::make_shared<SemOptions>();
-    const Verb verb = AddSemVerb(group, "wait", "Take units, waiting for them", RunWait, options);
+    Verb verb = AddSemVerb(group, "wait", "Take units, waiting for them", RunWait, options);
     AddCount(verb, options, "How many: all or none");
     verb.command->add_option("--timeout", options->timeout, "Give up after so long, with status 1")
         ->option_text("SECONDS");
@@ -194,7 +193,7 @@ Verb AddWait(CLI::App& group) {
 
 Verb AddTry(CLI::App& group) {
     const auto options = std::make_shared<SemOptions>();
-    const Verb verb =
+    Verb verb =
         AddSemVerb(group, "try", "Take units if they are free; status 1 if not", RunTry, options);
     AddCount(verb, options, "How many: all or none");
     return verb;
