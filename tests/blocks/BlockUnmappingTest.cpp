@@ -3,93 +3,89 @@
 #include <sys/mman.h>
 
 #include <cerrno>
-#include <iostream>
-#include <streambuf>
+#include <functional>
+#include <stdexcept>
 
 #include "BlockFixture.h"
+#include "CapturedOutput.h"
 
 namespace qel::test {
 namespace {
 
-/// The real system calls, whose unmapping can be made to say that it failed.
+/// The real system calls, whose unmapping can be made to say, by errno or by an exception, that it
+/// failed.
 class GrudgingSys : public Sys {
 public:
     int unmapped = 0;
     int error = 0;
+    std::function<void()> raise = [] {};
 
 private:
     int DoMunmap(void* address, unsigned long length) override {
         ++unmapped;
         ::munmap(address, length);
+        raise();
         errno = error;
         return error == 0 ? 0 : -1;
     }
 };
 
-/// Stands in for standard output; counts flushes, and can refuse everything.
-class Output : public std::streambuf {
-public:
-    Output() : before_(std::cout.rdbuf(this)), exceptions_(std::cout.exceptions()) {}
-    ~Output() override {
-        std::cout.exceptions(std::ios::goodbit);
-        std::cout.clear();
-        std::cout.rdbuf(before_);
-        std::cout.exceptions(exceptions_);
-    }
-    Output(const Output&) = delete;
-    Output& operator=(const Output&) = delete;
-
-    std::string text;
-    int flushes = 0;
-    bool refuses = false;
-
-private:
-    int_type overflow(int_type character) override {
-        if (refuses) {
-            return traits_type::eof();
-        }
-        text += traits_type::to_char_type(character);
-        return character;
-    }
-    int sync() override {
-        ++flushes;
-        return 0;
-    }
-
-    std::streambuf* before_;
-    std::ios::iostate exceptions_;
-};
-
 class BlockUnmapping : public BlockTest {
 protected:
     std::shared_ptr<GrudgingSys> sys_ = std::make_shared<GrudgingSys>();
-    Output output_;
+    CapturedOutput output_;
 };
 
 TEST_F(BlockUnmapping, SaysNothingWhenItWorks) {
     { const SharedMemoryBlock block(sys_, name_.Name(), true, 10); }
 
     EXPECT_EQ(sys_->unmapped, 1);
-    EXPECT_EQ(output_.text, "");
+    EXPECT_EQ(output_.Text(), "");
 }
 
 TEST_F(BlockUnmapping, WritesOneLineUnflushedWhenItFails) {
     sys_->error = EINVAL;
     { const SharedMemoryBlock block(sys_, name_.Name(), true, 10); }
 
-    EXPECT_EQ(output_.text, "Problem unmapping shared memory fd - 22\n");
-    EXPECT_EQ(output_.flushes, 0);
+    EXPECT_EQ(output_.Text(), "Problem unmapping shared memory fd - 22\n");
+    EXPECT_EQ(output_.Flushed(), "");
+}
+
+TEST_F(BlockUnmapping, WritesItsLineAsAlwaysWhateverTheFormatsOfStandardOutput) {
+    sys_->error = EINVAL;
+    FormatAsAHostMay();
+    { const SharedMemoryBlock block(sys_, name_.Name(), true, 10); }
+
+    EXPECT_EQ(output_.Text(), "Problem unmapping shared memory fd - 22\n");
 }
 
 TEST_F(BlockUnmapping, FailsSilentlyWhenStandardOutputThrows) {
     sys_->error = EINVAL;
     auto block = std::make_unique<SharedMemoryBlock>(sys_, name_.Name(), true, 10);
-    output_.refuses = true;
-    std::cout.exceptions(std::ios::badbit | std::ios::failbit);
+    output_.RefuseByException();
 
-    EXPECT_NO_THROW(block.reset());
+    block.reset();  // an exception would end this program
 
     EXPECT_EQ(sys_->unmapped, 1);
+    EXPECT_TRUE(std::cout.bad());
+    EXPECT_EQ(Holding(), Holdings{});
+}
+
+TEST_F(BlockUnmapping, FailsSilentlyWhenTheSystemCallThrows) {
+    const std::function<void()> raises[] = {[] { throw std::runtime_error("no"); },
+                                            [] { throw 42; }};
+    for (const auto& raise : raises) {
+        sys_ = std::make_shared<GrudgingSys>();
+        sys_->raise = raise;
+        auto block = std::make_unique<SharedMemoryBlock>(sys_, name_.Name(), true, 10);
+
+        block.reset();  // an exception would end this program
+
+        EXPECT_EQ(sys_->unmapped, 1);
+        EXPECT_EQ(sys_.use_count(), 1);
+        EXPECT_EQ(output_.Text(), "");
+        EXPECT_EQ(Holding(), Holdings{});
+    }
 }
 
 TEST_F(BlockUnmapping, IsTheLastThingThatTheSystemCallsAreHeldFor) {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <type_traits>
@@ -76,9 +77,17 @@ TEST(AFileDescriptor, HandsTheDescriptorToItsCloserOnceInPlaceOfClosingIt) {
 }
 
 TEST(AFileDescriptor, ClosesItselfWhenItsCloserHasNothingToCall) {
-    const int number = OpenNull();
-    { const FileDescriptor descriptor(number, std::make_unique<UniqueFunction<void(int)>>()); }
-    EXPECT_FALSE(IsOpenInSystem(number));
+    using Closing = UniqueFunction<void(int)>;
+    FileDescriptor::Closer closers[] = {
+        std::make_unique<Closing>(), std::make_unique<Closing>(static_cast<void (*)(int)>(nullptr)),
+        std::make_unique<Closing>(static_cast<int (*)(int)>(nullptr)),
+        std::make_unique<Closing>(std::function<void(int)>()),
+        std::make_unique<Closing>(UniqueFunction<int(int)>())};
+    for (FileDescriptor::Closer& closer : closers) {
+        const int number = OpenNull();
+        { const FileDescriptor descriptor(number, std::move(closer)); }
+        EXPECT_FALSE(IsOpenInSystem(number));
+    }
 }
 
 TEST(AFileDescriptor, DoesNotCallTheCloserWithoutADescriptor) {

@@ -1,47 +1,24 @@
 // A mapped file whose system calls are refused one after the other.
 
-#include <gmock/gmock.h>
 #include <sys/mman.h>
 
 #include <cerrno>
 #include <string>
-#include <system_error>
 
 #include "CallFaults.h"
-#include "Files.h"
-#include "MappedFile.h"
-#include "ProcessState.h"
-#include "TemporaryDirectory.h"
+#include "MappedFileFixture.h"
 
-namespace qel {
+namespace qel::test {
 namespace {
 
-using test::CallFaults;
-using test::Holdings;
-using test::HoldingsOf;
-using test::ReadFile;
-using test::TemporaryDirectory;
-using test::WriteFile;
 using ::testing::ElementsAre;
 
-class AFailingMappedFile : public ::testing::Test {
+class AFailingMappedFile : public AMappedFile {
 protected:
     AFailingMappedFile() { WriteFile(path_, "hello"); }
 
     void SetUp() override { faults_.Alias(path_, "FILE"); }
 
-    std::string Refusal() {
-        try {
-            const MappedFile file(path_, true);
-        } catch (const std::system_error& error) {
-            EXPECT_EQ(errno, error.code().value());
-            return error.what();
-        }
-        return "accepted";
-    }
-    [[nodiscard]] static std::string Text(const MappedFile& file) {
-        return {reinterpret_cast<const char*>(file.Data()), file.Length()};
-    }
     /// As it was made by the constructor of this fixture, with nothing held twice.
     void ExpectUntouched(const MappedFile& file, const unsigned char* data) const {
         EXPECT_EQ(file.Data(), data);
@@ -49,22 +26,22 @@ protected:
         EXPECT_EQ(HoldingsOf(path_), (Holdings{1, 1}));
     }
 
-    TemporaryDirectory directory_;
-    std::string path_ = directory_.Path("file");
     CallFaults faults_;
 };
 
 TEST_F(AFailingMappedFile, SaysThatItCouldNotBeExamined) {
     faults_.FailNth("fstat", 1, EIO);
 
-    EXPECT_EQ(Refusal(), "MappedFile: could not examine " + path_ + ": Input/output error");
+    EXPECT_EQ(Refusal(path_, true),
+              "MappedFile: could not examine " + path_ + ": Input/output error");
     EXPECT_EQ(HoldingsOf(path_), Holdings{});
 }
 
 TEST_F(AFailingMappedFile, SaysThatItCouldNotBeMapped) {
     faults_.FailNth("mmap", 1, ENOMEM);
 
-    EXPECT_EQ(Refusal(), "MappedFile: could not map " + path_ + ": Cannot allocate memory");
+    EXPECT_EQ(Refusal(path_, true),
+              "MappedFile: could not map " + path_ + ": Cannot allocate memory");
     EXPECT_EQ(HoldingsOf(path_), Holdings{});
 }
 
@@ -172,4 +149,4 @@ TEST_F(AFailingMappedFile, UnmapsBeforeItCloses) {
 }
 
 }  // namespace
-}  // namespace qel
+}  // namespace qel::test

@@ -30,6 +30,37 @@ TEST(AUniqueFunction, WithoutACallableIsFalseAndThrowsWhenCalled) {
     EXPECT_THROW(function(1), std::bad_function_call);
 }
 
+/// What `callable` makes is taken for empty and throws when called.
+template <typename Signature, typename Callable, typename... Args>
+void ExpectEmptyOf(Callable&& callable, Args&&... args) {
+    UniqueFunction<Signature> function(std::forward<Callable>(callable));
+
+    EXPECT_FALSE(function);
+    EXPECT_THROW(function(std::forward<Args>(args)...), std::bad_function_call);
+}
+
+TEST(AUniqueFunction, OfANullFunctionPointerIsEmpty) {
+    int (*const null)(int) = nullptr;
+    ExpectEmptyOf<int(int)>(null, 1);
+    ExpectEmptyOf<void(int)>(static_cast<int (*)(int)>(nullptr), 1);
+}
+
+TEST(AUniqueFunction, OfANullMemberPointerIsEmpty) {
+    using Size = std::size_t (std::string::*)() const noexcept;
+    ExpectEmptyOf<std::size_t(const std::string&)>(Size{nullptr}, "four");
+    using First = int std::pair<int, int>::*;
+    ExpectEmptyOf<int(const std::pair<int, int>&)>(First{nullptr}, std::pair(1, 2));
+}
+
+TEST(AUniqueFunction, OfAStdFunctionWithoutACallableIsEmpty) {
+    ExpectEmptyOf<int(int)>(std::function<int(int)>(), 1);
+    ExpectEmptyOf<void(int)>(std::function<int(long)>(), 1);
+    std::function<int(int)> empty;
+    ExpectEmptyOf<int(int)>(empty, 1);
+    ExpectEmptyOf<int(int)>(std::as_const(empty), 1);
+    ExpectEmptyOf<void(int)>(UniqueFunction<int(int)>(), 1);
+}
+
 TEST(AUniqueFunction, CallsAPlainFunction) {
     UniqueFunction<int(int)> function(&Twice);
 
@@ -41,6 +72,19 @@ TEST(AUniqueFunction, CallsAMemberFunction) {
     UniqueFunction<std::size_t(const std::string&)> function(&std::string::size);
 
     EXPECT_EQ(function("four"), 4U);
+}
+
+TEST(AUniqueFunction, ReadsAMember) {
+    UniqueFunction<int(const std::pair<int, int>&)> function(&std::pair<int, int>::second);
+
+    EXPECT_EQ(function(std::pair(1, 2)), 2);
+}
+
+TEST(AUniqueFunction, CallsWhatAStdFunctionHolds) {
+    UniqueFunction<int(int)> function{std::function<int(int)>(&Twice)};
+
+    EXPECT_TRUE(function);
+    EXPECT_EQ(function(21), 42);
 }
 
 TEST(AUniqueFunction, HoldsACallableThatCannotBeCopied) {

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
+#include <limits>
 #include <random>
 
 #include "Deadline.h"
@@ -16,6 +18,23 @@ TEST_P(Deadline, IsWhatExactArithmeticRoundedStepByStepGives) {
     const timespec deadline = DeadlineAfter(std::chrono::duration<double>(row.timeout), row.now);
     EXPECT_EQ(deadline.tv_sec, row.sec);
     EXPECT_EQ(deadline.tv_nsec, row.nsec);
+}
+
+TEST(TruncationToInteger, SaturatesExactlyAtTheEndsOfTheRange) {
+    constexpr double kLimit = 9223372036854775808.0;
+    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+    constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+    EXPECT_EQ(SaturatingTruncate(kLimit), kMost);
+    EXPECT_EQ(SaturatingTruncate(std::nextafter(kLimit, 0.0)), 9223372036854774784);
+    EXPECT_EQ(SaturatingTruncate(-kLimit), kLeast);
+    EXPECT_EQ(SaturatingTruncate(std::nextafter(-kLimit, 0.0)), -9223372036854774784);
+    EXPECT_EQ(SaturatingTruncate(std::nextafter(-kLimit, -2 * kLimit)), kLeast);
+}
+
+TEST(TruncationToInteger, CutsTowardZero) {
+    EXPECT_EQ(SaturatingTruncate(1.999), 1);
+    EXPECT_EQ(SaturatingTruncate(-1.999), -1);
+    EXPECT_EQ(SaturatingTruncate(-0.999), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, Deadline, testing::ValuesIn(DeadlineRows()),

@@ -45,42 +45,54 @@ TEST_F(NamedSemaphoreOpening, SystemCallsAreSharedUntilTheHandleGoes) {
 
 struct Refusal {
     int error;
-    Failure failure;
     std::string line;
 };
 
-class NamedSemaphoreRefused : public SemaphoreFixture,
-                              public testing::WithParamInterface<Refusal> {};
+class NamedSemaphoreRefused : public SemaphoreFixture, public testing::WithParamInterface<Refusal> {
+protected:
+    /// Has the opening refused; the text of the `Exception`.
+    template <typename Exception>
+    std::string Failure() {
+        EXPECT_CALL(*sys_, DoSemOpenc).WillOnce([](auto&&...) {
+            errno = GetParam().error;
+            return static_cast<sem_t*>(nullptr);
+        });
+        output_.SetErrno(EPIPE);
+        return Thrown<Exception>([&] { const NamedSemaphore semaphore("/refused", sys_, 1); });
+    }
+    void ExpectAnUnflushedLineAndNothingLeftOpen() {
+        EXPECT_EQ(output_.Text(), GetParam().line);
+        EXPECT_EQ(output_.Flushed(), "");
+        EXPECT_EQ(sys_.use_count(), 1);
+    }
+};
 
-TEST_P(NamedSemaphoreRefused, ThrowsAfterAnUnflushedLineAndLeavesNothingOpen) {
-    EXPECT_CALL(*sys_, DoSemOpenc).WillOnce([](auto&&...) {
-        errno = GetParam().error;
-        return static_cast<sem_t*>(nullptr);
-    });
-    output_.SetErrno(EPIPE);
-    EXPECT_EQ(Thrown([&] { const NamedSemaphore semaphore("/refused", sys_, 1); }),
-              GetParam().failure);
-    EXPECT_EQ(output_.Text(), GetParam().line);
-    EXPECT_EQ(output_.Flushed(), "");
-    EXPECT_EQ(sys_.use_count(), 1);
+class NamedSemaphoreOfABadName : public NamedSemaphoreRefused {};
+class NamedSemaphoreOutOfReach : public NamedSemaphoreRefused {};
+
+TEST_P(NamedSemaphoreOfABadName, IsAnInvalidArgument) {
+    EXPECT_EQ(Failure<std::invalid_argument>(), "Exception: Invalid Semaphore name");
+    ExpectAnUnflushedLineAndNothingLeftOpen();
 }
 
-Failure BadName() {
-    return FailureOf<std::invalid_argument>("Exception: Invalid Semaphore name");
-}
-Failure Problem() {
-    return FailureOf<std::runtime_error>("Exception: Problem Creating Semaphore");
+TEST_P(NamedSemaphoreOutOfReach, IsARuntimeError) {
+    EXPECT_EQ(Failure<std::runtime_error>(), "Exception: Problem Creating Semaphore");
+    ExpectAnUnflushedLineAndNothingLeftOpen();
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Errors, NamedSemaphoreRefused,
-    testing::Values(
-        Refusal{ENAMETOOLONG, BadName(), "Exception: Invalid Semaphore name: /refused errno: 36\n"},
-        Refusal{EINVAL, BadName(), "Exception: Invalid Semaphore name: /refused errno: 22\n"},
-        Refusal{EACCES, Problem(), "Exception: Problem Creating Semaphore - 13\n"},
-        Refusal{EMFILE, Problem(), "Exception: Problem Creating Semaphore - 24\n"},
-        Refusal{ENOSPC, Problem(), "Exception: Problem Creating Semaphore - 28\n"},
-        Refusal{EINTR, Problem(), "Exception: Problem Creating Semaphore - 4\n"}),
+    Errors, NamedSemaphoreOfABadName,
+    testing::Values(Refusal{ENAMETOOLONG,
+                            "Exception: Invalid Semaphore name: /refused errno: 36\n"},
+                    Refusal{EINVAL, "Exception: Invalid Semaphore name: /refused errno: 22\n"}),
+    [](const auto& row) { return strerrorname_np(row.param.error); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Errors, NamedSemaphoreOutOfReach,
+    testing::Values(Refusal{EACCES, "Exception: Problem Creating Semaphore - 13\n"},
+                    Refusal{EMFILE, "Exception: Problem Creating Semaphore - 24\n"},
+                    Refusal{ENOSPC, "Exception: Problem Creating Semaphore - 28\n"},
+                    Refusal{EINTR, "Exception: Problem Creating Semaphore - 4\n"}),
     [](const auto& row) { return strerrorname_np(row.param.error); });
 
 // What every handle without a semaphore does.
@@ -93,9 +105,8 @@ class EmptyNamedSemaphore : public SemaphoreFixture,
                             public testing::WithParamInterface<EmptyHandleOperation> {
 protected:
     static void ExpectRefusal(const NamedSemaphore& empty) {
-        EXPECT_EQ(
-            Thrown([&] { GetParam().call(empty); }),
-            FailureOf<std::runtime_error>("Error: Accessed default constructed NamedSemaphore"));
+        EXPECT_EQ(Thrown([&] { GetParam().call(empty); }),
+                  "Error: Accessed default constructed NamedSemaphore");
     }
 };
 

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cerrno>
 #include <climits>
+#include <cstring>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -11,9 +13,9 @@
 #include <vector>
 
 #include "CapturedOutput.h"
-#include "Failure.h"
 #include "NamedSemaphore.h"
 #include "SemaphoreMultiLockHelper.h"
+#include "Thrown.h"
 #include "UniqueSemaphoreName.h"
 
 namespace qel::test {
@@ -90,8 +92,7 @@ TEST_F(RealSemaphore, PassedLimitIsAFailure) {
     const NamedSemaphore semaphore(name_.Name(), 0);
     for (const double seconds : {0.0, -1.0, -1e6, 1e-9}) {
         EXPECT_EQ(Thrown([&] { semaphore.TimedWait(std::chrono::duration<double>(seconds)); }),
-                  FailureOf<std::runtime_error>(std::string("Error sem_timedwait ETIMEDOUT: ") +
-                                                std::strerror(ETIMEDOUT)));
+                  std::string("Error sem_timedwait ETIMEDOUT: ") + std::strerror(ETIMEDOUT));
     }
 }
 
@@ -107,16 +108,14 @@ TEST_F(RealSemaphore, LimitWithoutADeadlineIsRefusedBySystem) {
     for (const double seconds : {std::numeric_limits<double>::infinity(),
                                  std::numeric_limits<double>::quiet_NaN(), 1e300, -1e10}) {
         EXPECT_EQ(Thrown([&] { semaphore.TimedWait(std::chrono::duration<double>(seconds)); }),
-                  FailureOf<std::runtime_error>(std::string("Error sem_timedwait EINVAL: ") +
-                                                std::strerror(EINVAL)));
+                  std::string("Error sem_timedwait EINVAL: ") + std::strerror(EINVAL));
     }
 }
 
 TEST_F(RealSemaphore, AtItsGreatestValueRefusesAPost) {
     const NamedSemaphore semaphore(name_.Name(), INT_MAX);
-    EXPECT_EQ(
-        Thrown([&] { semaphore.Post(); }),
-        FailureOf<std::runtime_error>(std::string("Error sem_post:") + std::strerror(EOVERFLOW)));
+    EXPECT_EQ(Thrown([&] { semaphore.Post(); }),
+              std::string("Error sem_post:") + std::strerror(EOVERFLOW));
     EXPECT_EQ(semaphore.GetValue(), INT_MAX);
 }
 
@@ -132,8 +131,9 @@ class RejectedSemaphoreName : public testing::TestWithParam<BadName> {};
 TEST_P(RejectedSemaphoreName, ThrowsAndIsTold) {
     const auto& [label, name, value, error] = GetParam();
     CapturedOutput output;
-    EXPECT_EQ(Thrown([&, &name = name, value = value] { const NamedSemaphore bad(name, value); }),
-              FailureOf<std::invalid_argument>("Exception: Invalid Semaphore name"));
+    EXPECT_EQ(Thrown<std::invalid_argument>(
+                  [&, &name = name, value = value] { const NamedSemaphore bad(name, value); }),
+              "Exception: Invalid Semaphore name");
     EXPECT_EQ(output.Text(), "Exception: Invalid Semaphore name: " + name +
                                  " errno: " + std::to_string(error) + "\n");
 }

@@ -9,9 +9,9 @@
 #include <string>
 
 #include "CapturedOutput.h"
-#include "Failure.h"
 #include "MockSys.h"
 #include "NamedSemaphore.h"
+#include "Thrown.h"
 
 namespace qel::test {
 
@@ -41,6 +41,25 @@ protected:
         return NamedSemaphore("/semaphore", sys_, 0);
     }
     NamedSemaphore Open() { return Open(Handle()); }
+    /// A handle that has taken, or given, so many units.
+    NamedSemaphore OpenAndTake(int units) {
+        NamedSemaphore semaphore = Open();
+        ExpectWaits(units);
+        for (int i = 0; i < units; ++i) {
+            semaphore.Wait();
+        }
+        Verify();
+        return semaphore;
+    }
+    NamedSemaphore OpenAndPost(int units) {
+        NamedSemaphore semaphore = Open();
+        ExpectPosts(units);
+        for (int i = 0; i < units; ++i) {
+            semaphore.Post();
+        }
+        Verify();
+        return semaphore;
+    }
 
     /// Foretell so many successful calls.
     void ExpectPosts(int calls) {
@@ -82,6 +101,13 @@ protected:
     std::shared_ptr<testing::StrictMock<MockSys>> sys_ =
         std::make_shared<testing::StrictMock<MockSys>>();
     CapturedOutput output_;
+
+    // What the end of a handle writes.
+    static constexpr const char* kNotReset = "Error: Could not reset sempahore\n";
+    static std::string NotClosed(int error) {
+        return std::string("Error: Could not close semaphore /semaphoreerr: ") +
+               std::strerror(error) + "\n";
+    }
 
 private:
     sem_t semaphore_{};

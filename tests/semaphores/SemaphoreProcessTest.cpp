@@ -1,10 +1,13 @@
 // Semaphores between processes. What another process does is awaited by what can be seen of it:
 // a message, its blocking, its end.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <functional>
 #include <string>
 
@@ -12,6 +15,7 @@
 #include "NamedSemaphore.h"
 #include "ProcessState.h"
 #include "SemaphoreMultiLockHelper.h"
+#include "SysFactory.h"
 #include "UniqueSemaphoreName.h"
 
 namespace qel::test {
@@ -170,6 +174,12 @@ void TellOfSignal(int /*signal*/) {
     signalled->Say("s");
 }
 
+void CatchSignal() {
+    struct sigaction action {};
+    action.sa_handler = TellOfSignal;  // without SA_RESTART: a wait is interrupted
+    ::sigaction(SIGUSR1, &action, nullptr);
+}
+
 struct WaitingOperation {
     const char* name;
     void (*wait)(const NamedSemaphore&);
@@ -182,9 +192,7 @@ TEST_P(WaitUnderSignals, GoesOnUntilAUnitComes) {
     const NamedSemaphore semaphore(Name(), 0);
     ChildProcess child([&](const Conversation& parent) {
         signalled = &parent;
-        struct sigaction action {};
-        action.sa_handler = TellOfSignal;  // without SA_RESTART: the wait is interrupted
-        ::sigaction(SIGUSR1, &action, nullptr);
+        CatchSignal();
         const NamedSemaphore waiter(Name(), 0);
         parent.Say("ready");
         GetParam().wait(waiter);
@@ -212,6 +220,30 @@ INSTANTIATE_TEST_SUITE_P(
                                          semaphore.TimedWait(std::chrono::hours(1));
                                      }}),
     [](const auto& row) { return row.param.name; });
+
+// Only the handle goes on after a signal.
+TEST_F(SemaphoreBetweenProcesses, WaitOfTheSystemCallsThemselvesEndsWithASignal) {
+    const auto sys = SysFactory::Create("");
+    sem_t* const semaphore = sys->sem_openc(Name().c_str(), O_CREAT, 0600, 0);
+    ASSERT_NE(semaphore, SEM_FAILED);
+    ChildProcess child([&](const Conversation& parent) {
+        signalled = &parent;
+        CatchSignal();
+        parent.Say("ready");
+        const int result = sys->sem_wait(semaphore);
+        const int error = errno;
+        parent.Say(std::to_string(result) + " " + std::strerror(error));
+        return 0;
+    });
+    EXPECT_EQ(child.Hear(), "ready");
+    EXPECT_TRUE(AwaitBlocked(child.Pid(), SYS_futex));
+    EXPECT_EQ(::kill(child.Pid(), SIGUSR1), 0);
+    EXPECT_EQ(child.Hear(), "s");
+    EXPECT_EQ(sys->sem_post(semaphore), 0);  // too late: the wait has been interrupted
+    EXPECT_EQ(child.Hear(), "-1 Interrupted system call");
+    EXPECT_EQ(child.ExitCode(), 0);
+    EXPECT_EQ(sys->sem_close(semaphore), 0);
+}
 
 }  // namespace
 }  // namespace qel::test

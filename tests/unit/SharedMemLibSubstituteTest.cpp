@@ -4,11 +4,11 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <iostream>
-#include <sstream>
+#include <functional>
 #include <stdexcept>
 
 #include "CapturedLog.h"
+#include "CapturedOutput.h"
 #include "FakeKernel.h"
 #include "SharedMemLibFactory.h"
 #include "SysFactory.h"
@@ -42,29 +42,6 @@ private:
         onOpen();
         return -1;
     }
-};
-
-/// Stands in for standard output, and looks around when something is written to it.
-class WatchedOutput : public std::stringbuf {
-public:
-    WatchedOutput() : before_(std::cout.rdbuf(this)) {}
-    ~WatchedOutput() override { std::cout.rdbuf(before_); }
-
-    std::function<void()> onWrite = [] {};
-    int flushes = 0;
-
-protected:
-    std::streamsize xsputn(const char* text, std::streamsize length) override {
-        onWrite();
-        return std::stringbuf::xsputn(text, length);
-    }
-    int sync() override {
-        ++flushes;
-        return 0;
-    }
-
-private:
-    std::streambuf* before_;
 };
 
 class LibraryEntryOnSubstitute : public testing::Test {
@@ -120,21 +97,21 @@ TEST_F(LibraryEntryOnSubstitute, RefusedStepsAreOneLineEachAndLeaveNothing) {
         SCOPED_TRACE(row.call);
         const auto kernel = Use<FakeKernel>();
         kernel->FailNth(row.call, 1, ENOMEM);
-        WatchedOutput output;
+        CapturedOutput output;
         bool written = false;
-        output.onWrite = [&] {
+        output.WhenWritten([&] {
             written = true;
             EXPECT_EQ(0, kernel->Mappings());
             EXPECT_EQ(2, kernel.use_count());  // the failed ring is gone before the line is written
-        };
+        });
         const SharedPacketBufferResult result = Get();
         EXPECT_EQ(SMStatusCode::SHARED_MEMORY_FAILURE, result.status);
         EXPECT_EQ(nullptr, result.buffer);
         EXPECT_TRUE(written);
         EXPECT_EQ(
             std::string("Trouble creating shared memory invalid parameter: ") + row.text + "\n",
-            output.str());
-        EXPECT_EQ(0, output.flushes);
+            output.Text());
+        EXPECT_EQ("", output.Flushed());
     }
 }
 
@@ -144,12 +121,12 @@ TEST_F(LibraryEntryOnSubstitute, InvalidArgumentIsAnInvalidParameterEvenFromDeep
     };
     const auto kernel = Use<ThrowingKernel>();
     kernel->onOpen = [] { throw Derived("bad name"); };
-    const WatchedOutput output;
+    const CapturedOutput output;
     const SharedPacketBufferResult result = Get();
     EXPECT_EQ(SMStatusCode::INVALID_PARAMETER, result.status);
     EXPECT_EQ(nullptr, result.buffer);
-    EXPECT_EQ("Trouble creating shared memory invalid parameter: bad name\n", output.str());
-    EXPECT_EQ(0, output.flushes);
+    EXPECT_EQ("Trouble creating shared memory invalid parameter: bad name\n", output.Text());
+    EXPECT_EQ("", output.Flushed());
 }
 
 TEST_F(LibraryEntryOnSubstitute, EveryOtherStandardExceptionIsASharedMemoryFailure) {
@@ -160,27 +137,43 @@ TEST_F(LibraryEntryOnSubstitute, EveryOtherStandardExceptionIsASharedMemoryFailu
     const char* const texts[] = {"logic", "range", "std::bad_alloc"};
     for (std::size_t i = 0; i < 3; ++i) {
         kernel->onOpen = throwers[i];
-        const WatchedOutput output;
+        const CapturedOutput output;
         const SharedPacketBufferResult result = Get();
         EXPECT_EQ(SMStatusCode::SHARED_MEMORY_FAILURE, result.status);
         EXPECT_EQ(nullptr, result.buffer);
         EXPECT_EQ(
             std::string("Trouble creating shared memory invalid parameter: ") + texts[i] + "\n",
-            output.str());
+            output.Text());
+    }
+}
+
+TEST_F(LibraryEntryOnSubstitute, LineIsAsAlwaysWhateverTheFormatsOfStandardOutput) {
+    const auto kernel = Use<ThrowingKernel>();
+    const struct {
+        std::function<void()> thrower;
+        SMStatusCode status;
+    } rows[] = {{[] { throw std::invalid_argument("10"); }, SMStatusCode::INVALID_PARAMETER},
+                {[] { throw std::runtime_error("10"); }, SMStatusCode::SHARED_MEMORY_FAILURE}};
+    for (const auto& row : rows) {
+        kernel->onOpen = row.thrower;
+        const CapturedOutput output;
+        FormatAsAHostMay();
+        EXPECT_EQ(row.status, Get().status);
+        EXPECT_EQ("Trouble creating shared memory invalid parameter: 10\n", output.Text());
     }
 }
 
 TEST_F(LibraryEntryOnSubstitute, WhatIsNoStandardExceptionLeavesTheOperationWithoutAWord) {
     const auto kernel = Use<ThrowingKernel>();
     kernel->onOpen = [] { throw 42; };
-    const WatchedOutput output;
+    const CapturedOutput output;
     try {
         (void)Get();
         ADD_FAILURE() << "nothing was thrown";
     } catch (int thrown) {
         EXPECT_EQ(42, thrown);
     }
-    EXPECT_EQ("", output.str());
+    EXPECT_EQ("", output.Text());
     EXPECT_EQ(2, kernel.use_count());
 }
 

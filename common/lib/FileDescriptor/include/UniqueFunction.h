@@ -7,17 +7,20 @@
 
 namespace qel {
 
+template <typename Signature>
+class UniqueFunction;
+
 namespace unique_function_detail {
 
 template <typename Callable>
-inline constexpr bool kIsStdFunction = false;
+inline constexpr bool kCanBeEmpty =
+    std::is_pointer_v<Callable> || std::is_member_pointer_v<Callable>;
 template <typename Signature>
-inline constexpr bool kIsStdFunction<std::function<Signature>> = true;
+inline constexpr bool kCanBeEmpty<std::function<Signature>> = true;
+template <typename Signature>
+inline constexpr bool kCanBeEmpty<UniqueFunction<Signature>> = true;
 
 }  // namespace unique_function_detail
-
-template <typename Signature>
-class UniqueFunction;
 
 /// A callable of any type behind one type, as `std::function` is, but movable only: what it holds
 /// need not be copyable.
@@ -28,14 +31,14 @@ class UniqueFunction<Result(Args...)> {
 public:
     UniqueFunction() noexcept = default;
 
-    /// Takes over `callable`; holds nothing if that is a null pointer or an empty `std::function`.
+    /// Takes over `callable`; holds nothing if that is a null pointer or an empty function.
     template <typename Callable,
               typename = std::enable_if_t<!std::is_same_v<std::decay_t<Callable>, UniqueFunction> &&
                                           std::is_invocable_r_v<Result, Callable&, Args...>>>
     UniqueFunction(Callable&& callable)  // NOLINT(google-explicit-constructor): as std::function
-        : target_(IsNull(callable) ? nullptr
-                                   : std::make_unique<Target<std::decay_t<Callable>>>(
-                                         std::in_place, std::forward<Callable>(callable))) {}
+        : target_(IsEmpty(callable) ? nullptr
+                                    : std::make_unique<Target<std::decay_t<Callable>>>(
+                                          std::in_place, std::forward<Callable>(callable))) {}
 
     UniqueFunction(UniqueFunction&&) noexcept = default;
     UniqueFunction& operator=(UniqueFunction&&) noexcept = default;
@@ -84,10 +87,9 @@ private:
     };
 
     template <typename Callable>
-    static bool IsNull(const Callable& callable) {
-        if constexpr (std::is_pointer_v<Callable> || std::is_member_pointer_v<Callable> ||
-                      unique_function_detail::kIsStdFunction<Callable>) {
-            return callable == nullptr;
+    static bool IsEmpty(const Callable& callable) {
+        if constexpr (unique_function_detail::kCanBeEmpty<Callable>) {
+            return !static_cast<bool>(callable);
         } else {
             return false;
         }
