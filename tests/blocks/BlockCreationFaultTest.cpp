@@ -1,7 +1,5 @@
 // Blocks whose system calls are refused one after the other, in each of the ways to make a block.
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <functional>
 
@@ -110,6 +108,8 @@ INSTANTIATE_TEST_SUITE_P(
     At, AttachingForWriting,
     ::testing::Values(
         Row{"open", 1, EACCES, "LockFile could not be opened13(Permission denied)"},
+        Row{"fstat", 1, EIO, "LockFile could not be opened5(Input/output error)"},
+        Row{"mmap", 1, ENOMEM, "LockFile could not be opened12(Cannot allocate memory)"},
         Row{"flock", 1, EINTR,
             "LockExclusive failed to lock {path}, fd:{lock}: Interrupted system call"},
         Row{"stat", 1, ENOENT, "failed to open shared memory: file does not exist"},
@@ -160,6 +160,29 @@ INSTANTIATE_TEST_SUITE_P(
             "Unable to mprotect shared memory - 12(Cannot allocate memory)"}),
     RowName);
 
+class CreatingOverAStaleRecord : public FailingBlock {};
+
+TEST_P(CreatingOverAStaleRecord, FailsWithTheReasonAndLeavesNothingBehind) {
+    Creator(50).reset();
+    ASSERT_EQ(OpenerFailure(), "failed to open shared memory: file does not exist");
+
+    ExpectFailure([this] { return Creator(); });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    At, CreatingOverAStaleRecord,
+    ::testing::Values(
+        Row{"memfd_create", 1, ENFILE,
+            "failed to create shared memory: SYS_memfd_create failed for name {name}got "
+            "errno(23):Too many open files in system"},
+        Row{"fstat", 2, EIO,
+            "failed to create shared memory: fstat failed for fd:{memory} name:{name}: "
+            "Input/output error"},
+        Row{"ftruncate", 1, ENOSPC,
+            "failed to create shared memory: failed to ftruncate shared memory"},
+        Row{"mmap", 2, ENOMEM, "failed to create shared memory: failed to map shared memory\n"}),
+    RowName);
+
 class Replacing : public FailingBlock {};
 
 TEST_P(Replacing, MakesAFreshBlockWhereALiveOneCannotBeOpened) {
@@ -180,130 +203,9 @@ INSTANTIATE_TEST_SUITE_P(At, Replacing,
                                            Row{"fcntl", 1, EIO, ""}, Row{"mmap", 2, ENOMEM, ""}),
                          RowName);
 
-/// What fstat is made to find in the memory file, and what comes of it.
-struct Finding {
-    const char* name;
-    void (*edit)(struct stat&);
-    const char* text;
-};
+class ARefusedCall : public FaultyBlockTest {};
 
-std::ostream& operator<<(std::ostream& out, const Finding& finding) {
-    return out << finding.name;
-}
-
-void SetType(struct stat& status, mode_t type) {
-    status.st_mode = (status.st_mode & ~static_cast<mode_t>(S_IFMT)) | type;
-}
-
-class OpeningWhatLooksLike : public FaultyBlockTest,
-                             public ::testing::WithParamInterface<Finding> {};
-
-TEST_P(OpeningWhatLooksLike, IsDecidedByWhatFstatFinds) {
-    const auto creator = Creator();
-    const Holdings before = Holding();
-    faults_.EditNthFstat(2, GetParam().edit);
-
-    EXPECT_EQ(OpenerFailure(), GetParam().text);
-
-    EXPECT_EQ(Holding(), before);
-    EXPECT_EQ(Lock(), Held::No);
-}
-
-constexpr const char* kAccepted = "nothing thrown";
-constexpr const char* kNotRegular =
-    "failed to open shared memory: shared memory file is not of regular type, assuming stale file "
-    "descriptor";
-constexpr const char* kAnotherFile =
-    "failed to open shared memory: shared memory file properties do not match lock file metadata, "
-    "assuming stale file descriptor";
-
-INSTANTIATE_TEST_SUITE_P(
-    It, OpeningWhatLooksLike,
-    ::testing::Values(
-        Finding{"ADirectory", [](struct stat& status) { SetType(status, S_IFDIR); }, kNotRegular},
-        Finding{"ABlockDevice", [](struct stat& status) { SetType(status, S_IFBLK); }, kNotRegular},
-        Finding{"AFifo", [](struct stat& status) { SetType(status, S_IFIFO); }, kNotRegular},
-        // Their types contain the one bit that is looked at.
-        Finding{"ASocket", [](struct stat& status) { SetType(status, S_IFSOCK); }, kAccepted},
-        Finding{"ALink", [](struct stat& status) { SetType(status, S_IFLNK); }, kAccepted},
-        Finding{"ADirectoryOfAnotherInode",
-                [](struct stat& status) {
-                    SetType(status, S_IFDIR);
-                    ++status.st_ino;
-                },
-                kNotRegular},
-        Finding{"AnotherInode", [](struct stat& status) { ++status.st_ino; }, kAnotherFile},
-        Finding{"AnotherDevice", [](struct stat& status) { ++status.st_dev; }, kAnotherFile},
-        Finding{"AnotherDeviceOfNoSize",
-                [](struct stat& status) {
-                    ++status.st_dev;
-                    status.st_size = -1;
-                },
-                kAnotherFile},
-        Finding{"ANegativeSize", [](struct stat& status) { status.st_size = -1; },
-                "failed to open shared memory: shared memory size is invalid"},
-        Finding{"NoBytes", [](struct stat& status) { status.st_size = 0; },
-                "failed to open shared memory: shared memory is too small"},
-        Finding{"SevenBytes", [](struct stat& status) { status.st_size = 7; },
-                "failed to open shared memory: shared memory is too small"},
-        Finding{"EightBytes", [](struct stat& status) { status.st_size = 8; }, kAccepted}),
-    [](const auto& finding) { return finding.param.name; });
-
-class BlockFailures : public FaultyBlockTest {};
-
-TEST_F(BlockFailures, AShortReadOfTheUidIsAFailedOne) {
-    const auto creator = Creator();
-    for (const long length : {0L, 7L}) {
-        faults_.AnswerNth("pread", 1, length);
-        EXPECT_EQ(OpenerFailure(),
-                  "failed to open shared memory: failed to read metadata from shared memory");
-    }
-}
-
-TEST_F(BlockFailures, ANewMemoryFileThatIsNotRegularIsRefused) {
-    const Holdings before = HoldingsOf("");
-    const int lock = NextDescriptor();
-    faults_.EditNthFstat(2, [](struct stat& status) { SetType(status, S_IFCHR); });
-
-    EXPECT_EQ(CreatorFailure(),
-              "failed to create shared memory: fstat returned non-regular file for fd:" +
-                  std::to_string(lock + 1) + " name:" + name_.MemoryName());
-
-    EXPECT_EQ(HoldingsOf("").descriptors, before.descriptors);
-    EXPECT_EQ(Holding(), Holdings{});
-    EXPECT_EQ(ReadFile(lockPath_), std::string(40, '\0'));
-}
-
-TEST_F(BlockFailures, OfANewMemoryFileTypeOnlyOneBitIsLookedAt) {
-    faults_.EditNthFstat(2, [](struct stat& status) { SetType(status, S_IFSOCK); });
-
-    EXPECT_EQ(CreatorFailure(), "nothing thrown");
-}
-
-TEST_F(BlockFailures, ARecordIsWrittenBeforeTheMemoryHasItsSizeAndGoesStale) {
-    faults_.FailNth("ftruncate", 2, ENOSPC);
-
-    EXPECT_EQ(CreatorFailure(),
-              "failed to create shared memory: failed to ftruncate shared memory");
-
-    EXPECT_EQ(ReadFile(lockPath_)[0], '\1');
-    EXPECT_EQ(Record().pid, ::getpid());
-    EXPECT_EQ(OpenerFailure(), "failed to open shared memory: file does not exist");
-}
-
-TEST_F(BlockFailures, ARecordStaysAsItWasWhenNoMemoryFileCanBeMade) {
-    Creator().reset();
-    const std::string before = ReadFile(lockPath_);
-    faults_.FailNth("memfd_create", 1, ENOMEM);
-
-    EXPECT_EQ(CreatorFailure(),
-              "failed to create shared memory: SYS_memfd_create failed for name " +
-                  name_.MemoryName() + "got errno(12):Cannot allocate memory");
-
-    EXPECT_EQ(ReadFile(lockPath_), before);
-}
-
-TEST_F(BlockFailures, AFailedUnlockIsSilentWhileAnotherFailureIsOnItsWay) {
+TEST_F(ARefusedCall, AFailedUnlockIsSilentWhileAnotherFailureIsOnItsWay) {
     faults_.FailNth("flock", 2, EIO);
     EXPECT_EQ(OpenerFailure(),
               "failed to open shared memory: failed to read lockFile to get metadata");
@@ -318,7 +220,7 @@ TEST_F(BlockFailures, AFailedUnlockIsSilentWhileAnotherFailureIsOnItsWay) {
     EXPECT_EQ(Holding(), Holdings{});
 }
 
-TEST_F(BlockFailures, AFailedLockPassesUnchangedAndNothingIsOpenedAfterIt) {
+TEST_F(ARefusedCall, AFailedLockPassesUnchangedAndNothingIsOpenedAfterIt) {
     const auto creator = Creator();
     const Holdings before = Holding();
     faults_.FailNth("flock", 1, EBADF);
@@ -330,39 +232,34 @@ TEST_F(BlockFailures, AFailedLockPassesUnchangedAndNothingIsOpenedAfterIt) {
     EXPECT_EQ(Holding(), before);
 }
 
-TEST_F(BlockFailures, ALockFileThatCannotBeOpenedIsReportedWithItsErrno) {
-    const auto failure = [](const std::string& name) {
-        return Thrown(
-            [&name] { const SharedMemoryBlock block(std::make_shared<Sys>(), name, true, 10); });
-    };
-    EXPECT_EQ(failure("qev-test-missing/" + name_.Name()),
-              "LockFile could not be opened2(No such file or directory)");
-    EXPECT_EQ(failure(std::string(300, 'x')), "LockFile could not be opened36(File name too long)");
-    ASSERT_EQ(::symlink("/dev/null", lockPath_.c_str()), 0);
+TEST_F(ARefusedCall, ARecordIsWrittenBeforeTheMemoryHasItsSizeAndGoesStale) {
+    faults_.FailNth("ftruncate", 2, ENOSPC);
+
     EXPECT_EQ(CreatorFailure(),
-              "LockFile could not be opened40(Too many levels of symbolic links)");
-    ASSERT_EQ(::unlink(lockPath_.c_str()), 0);
-    ASSERT_EQ(::mkfifo(lockPath_.c_str(), 0600), 0);
-    EXPECT_EQ(OpenerFailure(), "LockFile could not be opened22(Invalid argument)");
-    EXPECT_EQ(Holding(), Holdings{});
+              "failed to create shared memory: failed to ftruncate shared memory");
+
+    EXPECT_EQ(ReadFile(lockPath_)[0], '\1');
+    EXPECT_EQ(Record().pid, ::getpid());
+    EXPECT_EQ(OpenerFailure(), "failed to open shared memory: file does not exist");
 }
 
-TEST_F(BlockFailures, TheLockFilesErrnoIsKeptWhateverTheLogDoes) {
+TEST_F(ARefusedCall, ARecordStaysAsItWasWhenNoMemoryFileCanBeMade) {
+    Creator().reset();
+    const std::string before = ReadFile(lockPath_);
+    faults_.FailNth("memfd_create", 1, ENOMEM);
+
+    EXPECT_EQ(CreatorFailure(),
+              "failed to create shared memory: SYS_memfd_create failed for name " +
+                  name_.MemoryName() + "got errno(12):Cannot allocate memory");
+
+    EXPECT_EQ(ReadFile(lockPath_), before);
+}
+
+TEST_F(ARefusedCall, TheLockFilesErrnoIsKeptWhateverTheLogDoes) {
     LogControl::SetSink([](const LogRecord& /*record*/) { errno = EBUSY; });
     faults_.FailNth("open", 1, EACCES);
 
     EXPECT_EQ(OpenerFailure(), "LockFile could not be opened13(Permission denied)");
-}
-
-TEST_F(BlockFailures, ALockFileOfTheWrongLengthIsRepaired) {
-    WriteFile(lockPath_, std::string(16, '\0'));
-    EXPECT_EQ(CreatorFailure(), "nothing thrown");
-    EXPECT_EQ(ReadFile(lockPath_).size(), 40U);
-
-    WriteFile(lockPath_, std::string(100, '\0'));
-    EXPECT_EQ(OpenerFailure(),
-              "failed to open shared memory: failed to read lockFile to get metadata");
-    EXPECT_EQ(ReadFile(lockPath_).size(), 40U);
 }
 
 }  // namespace

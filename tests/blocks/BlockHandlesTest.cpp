@@ -3,11 +3,14 @@
 #include <type_traits>
 
 #include "BlockFixture.h"
+#include "CallFaults.h"
 #include "SharedMemoryBlockReader.h"
 #include "SharedMemoryBlockWriter.h"
 
 namespace qel::test {
 namespace {
+
+using ::testing::ElementsAre;
 
 static_assert(!std::is_copy_constructible_v<SharedMemoryBlockReader>);
 static_assert(!std::is_copy_assignable_v<SharedMemoryBlockReader>);
@@ -156,6 +159,36 @@ TEST_F(BlockHandles, MeetThroughTheLockFileInOneProcess) {
     EXPECT_EQ(Lock(), Held::Exclusive);
     writer.UnlockForWrite();
     EXPECT_EQ(Lock(), Held::No);
+}
+
+TEST_F(BlockHandles, WaitForALockUnlessTheyOnlyTry) {
+    SharedMemoryBlockWriter writer(name_.Name(), 100);
+    SharedMemoryBlockReader reader(name_.Name());
+    CallFaults faults;
+    const auto flocksOf = [&](const auto& lock, const auto& unlock) {
+        faults.ForgetCalls();
+        lock();
+        unlock();
+        return faults.Calls("flock");
+    };
+    faults.Alias(lockPath_, "LOCK");
+    const auto unlock = [&] { reader.Unlock(); };
+    const auto unlockForRead = [&] { writer.UnlockForRead(); };
+    const auto unlockForWrite = [&] { writer.UnlockForWrite(); };
+
+    // With LOCK_NB, which is 4, a call does not wait.
+    EXPECT_THAT(flocksOf([&] { reader.Lock(); }, unlock),
+                ElementsAre("flock(LOCK, 1)", "flock(LOCK, 8)"));
+    EXPECT_THAT(flocksOf([&] { EXPECT_TRUE(reader.TryLock()); }, unlock),
+                ElementsAre("flock(LOCK, 5)", "flock(LOCK, 8)"));
+    EXPECT_THAT(flocksOf([&] { writer.LockForRead(); }, unlockForRead),
+                ElementsAre("flock(LOCK, 1)", "flock(LOCK, 8)"));
+    EXPECT_THAT(flocksOf([&] { EXPECT_TRUE(writer.TryLockForRead()); }, unlockForRead),
+                ElementsAre("flock(LOCK, 5)", "flock(LOCK, 8)"));
+    EXPECT_THAT(flocksOf([&] { writer.LockForWrite(); }, unlockForWrite),
+                ElementsAre("flock(LOCK, 2)", "flock(LOCK, 8)"));
+    EXPECT_THAT(flocksOf([&] { EXPECT_TRUE(writer.TryLockForWrite()); }, unlockForWrite),
+                ElementsAre("flock(LOCK, 6)", "flock(LOCK, 8)"));
 }
 
 TEST_F(BlockHandles, PassTheErrorsOfTheBlockOn) {

@@ -10,10 +10,14 @@
 #include <optional>
 
 #include "BlockFixture.h"
+#include "CallFaults.h"
 #include "ChildProcess.h"
 
 namespace qel::test {
 namespace {
+
+using ::testing::ElementsAre;
+using ::testing::StartsWith;
 
 constexpr std::int64_t kUid = 3000000000000000000;
 
@@ -121,6 +125,49 @@ TEST_F(ARecordThatNames, APipeIsRefused) {
     const FileDescriptor in(pipe[1]);
 
     ExpectStale(RecordOf(out.Get()), kNotRegular);
+}
+
+/// A FIFO with a name and a reader, and without a writer.
+class NamedFifo {
+public:
+    explicit NamedFifo(std::string path) : path_(std::move(path)) {
+        EXPECT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+        reader_ = FileDescriptor(::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    }
+    ~NamedFifo() { ::unlink(path_.c_str()); }
+    NamedFifo(const NamedFifo&) = delete;
+    NamedFifo& operator=(const NamedFifo&) = delete;
+
+    [[nodiscard]] int Reader() const { return reader_.Get(); }
+
+private:
+    std::string path_;
+    FileDescriptor reader_;
+};
+
+TEST_F(ARecordThatNames, AFifoWithoutAWriterIsRefusedWithoutBeingOpened) {
+    const NamedFifo fifo("/tmp/" + name_.Name() + ".fifo");
+    const SharedMemoryMetadata record = RecordOf(fifo.Reader());
+    StoreRecord(lockPath_, record);
+    const auto opened = [&](const auto& action) {
+        CallFaults faults;
+        faults.Alias(lockPath_, "LOCK");
+        faults.Alias(AnnouncedPath(record), "FIFO");
+        faults.FailNth("open", 2, EWOULDBLOCK);  // where it would wait
+        action();
+        return faults.Calls("open");
+    };
+    const std::string failure = std::string("failed to open shared memory: ") + kNotRegular;
+    const auto onlyTheLockFile = ElementsAre(StartsWith("open(LOCK, "));
+
+    EXPECT_THAT(opened([&] { EXPECT_EQ(OpenerFailure(), failure); }), onlyTheLockFile);
+    EXPECT_THAT(opened([&] { EXPECT_EQ(CreatorFailure(0), failure); }), onlyTheLockFile);
+    std::unique_ptr<SharedMemoryBlock> fresh;
+    EXPECT_THAT(opened([&] { fresh = Creator(10); }), onlyTheLockFile);
+
+    EXPECT_EQ(fresh->Size(), 10U);
+    EXPECT_EQ(Opener()->Size(), 10U);
+    EXPECT_EQ(Lock(), Held::No);
 }
 
 TEST_F(ARecordThatNames, AnotherRegularFileIsRefused) {

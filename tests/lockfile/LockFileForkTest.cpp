@@ -98,6 +98,30 @@ TEST_F(LockFileInAForkedProcess, UnlockingOnlyClosesItsCopy) {
     }
 }
 
+TEST_F(LockFileInAForkedProcess, UnlockingLeavesTheMarksOfWhatTheParentHolds) {
+    const auto marks = [this] {
+        return std::string(lock_->Exclusive() ? "exclusive" : "-") +
+               (lock_->Process() ? " process" : " -");
+    };
+    OpenLockFile& lock = Make();
+    lock.LockExclusive();
+    EXPECT_EQ(InChild([&] {
+                  lock.UnlockExclusive();
+                  return marks();
+              }),
+              "exclusive -");
+    lock.UnlockExclusive();
+
+    lock.LockProcess();
+    EXPECT_EQ(InChild([&] {
+                  lock.UnlockProcess();
+                  return marks();
+              }),
+              "- process");
+    lock.UnlockProcess();
+    EXPECT_EQ(marks(), "- -");
+}
+
 TEST_F(LockFileInAForkedProcess, UnlockingGivesTheLockInMemoryBackOnce) {
     if (!MutexFaultsWork()) {
         GTEST_SKIP() << "locks in memory cannot be counted here";

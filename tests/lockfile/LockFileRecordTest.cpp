@@ -198,6 +198,22 @@ TEST_F(LockFileRecord, IsNotReadAfterTheLockHasGone) {
                 "Write called while not locked for write");
 }
 
+TEST_F(LockFileRecord, IsNotReadAfterAReleaseTooManyUntilTheNextLock) {
+    Make();
+    WriteCounting();
+    lock_->UnlockShared();
+    ASSERT_EQ(lock_->SharedHolders(), -1);
+
+    ExpectFails([&] { (void)lock_->Read(read_.data(), 32, 0); }, "Read",
+                "Read called while not locked");
+    EXPECT_THAT(read_, Each(0));
+
+    lock_->LockShared();
+    EXPECT_TRUE(lock_->Read(read_.data(), 32, 0));
+    lock_->UnlockShared();
+    EXPECT_EQ(read_, counting_);
+}
+
 TEST_F(LockFileRecord, IsNotReadFromAFileOfAnotherLength) {
     Make().LockShared();
     for (const std::uint64_t length : {0U, 16U, 39U, 41U}) {

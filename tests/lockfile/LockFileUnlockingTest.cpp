@@ -1,8 +1,10 @@
 #include <sys/file.h>
 
 #include <cerrno>
+#include <system_error>
 
 #include "LockFileFixture.h"
+#include "MutexFaults.h"
 #include "Worker.h"
 
 namespace qel::test {
@@ -150,6 +152,59 @@ TEST_F(LockFileUnlocking, ExclusiveOnceTooManyCallsFlockAndBothKindsOfLockWorkAf
     lock.LockExclusive();
     EXPECT_FALSE(Worker().Do([&] { return lock.TryLockShared(); }));
     lock.UnlockExclusive();
+}
+
+TEST_F(LockFileUnlocking, ExclusiveByAThreadThatDoesNotHoldItLeavesTheMemoryToTheHolder) {
+    OpenLockFile& lock = Make();
+    Worker holder;
+    holder.Do([&] { lock.LockExclusive(); });
+
+    lock.UnlockExclusive();
+
+    EXPECT_THAT(Flocks(), ElementsAre("flock(FILE, 2)", "flock(FILE, 8)"));
+    EXPECT_FALSE(lock.Exclusive());
+    EXPECT_FALSE(lock.TryLockShared());
+    EXPECT_FALSE(lock.TryLockExclusive());
+    EXPECT_EQ(Flocks().size(), 2U) << "the memory was free";
+
+    holder.Do([&] { lock.UnlockExclusive(); });
+
+    ASSERT_NO_FATAL_FAILURE(ExpectFree());
+    for (const std::size_t kind : {0U, 1U}) {
+        LockOperations()[kind].run(lock);
+        EXPECT_FALSE(holder.Do([&] { return lock.TryLockExclusive(); }));
+        UnlockOperations()[kind].run(lock);
+        holder.Do([&] { LockOperations()[kind].run(lock); });
+        EXPECT_FALSE(lock.TryLockExclusive());
+        holder.Do([&] { UnlockOperations()[kind].run(lock); });
+    }
+    ExpectFree();
+}
+
+// Without recorded calls, which would take locks in memory of their own.
+TEST(LockFileUnlockingUnrecorded, SharedKeepsCountAndFlockWhenTheCounterCannotBeLocked) {
+    if (!MutexFaultsWork()) {
+        GTEST_SKIP() << "locks in memory cannot be refused here";
+    }
+    const UniqueBlockName name;
+    OpenLockFile lock(name.LockPath());
+    lock.LockShared();
+    std::error_code reported;
+
+    RefuseMutexCall("pthread_mutex_lock", 1, EINVAL);
+    try {
+        lock.UnlockShared();
+    } catch (const std::system_error& error) {
+        reported = error.code();
+    }
+    RefuseMutexCall("pthread_mutex_lock", 0, 0);
+
+    EXPECT_EQ(reported, std::errc::invalid_argument);
+    EXPECT_EQ(lock.SharedHolders(), 1);
+    EXPECT_EQ(LockOn(name.LockPath()), Held::Shared);
+    lock.UnlockShared();
+    EXPECT_EQ(LockOn(name.LockPath()), Held::No);
+    EXPECT_TRUE(lock.TryLockExclusive());
 }
 
 TEST_F(LockFileUnlocking, HappensAtTheEndForAnExclusiveLock) {

@@ -48,6 +48,9 @@ CallFaults::Verdict Ask(const char* operation, const Arguments& arguments) {
     const int error = errno;
     inside = true;
     CallFaults::Verdict verdict = faults->Note(operation, arguments());
+    if (verdict.before) {
+        verdict.before();
+    }
     inside = false;
     errno = verdict.error != 0 ? verdict.error : error;
     return verdict;
@@ -65,17 +68,22 @@ CallFaults::~CallFaults() {
 
 void CallFaults::FailNth(const std::string& operation, int nth, int error) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    plans_.emplace(operation, Planned{nth, {false, -1, error, {}}});
+    plans_.emplace(operation, Planned{nth, {false, -1, error, {}, {}}});
 }
 
 void CallFaults::AnswerNth(const std::string& operation, int nth, long result) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    plans_.emplace(operation, Planned{nth, {false, result, 0, {}}});
+    plans_.emplace(operation, Planned{nth, {false, result, 0, {}, {}}});
 }
 
 void CallFaults::EditNthFstat(int nth, std::function<void(struct stat&)> edit) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    plans_.emplace("fstat", Planned{nth, {true, 0, 0, std::move(edit)}});
+    plans_.emplace("fstat", Planned{nth, {true, 0, 0, std::move(edit), {}}});
+}
+
+void CallFaults::BeforeNth(const std::string& operation, int nth, std::function<void()> action) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    plans_.emplace(operation, Planned{nth, {true, 0, 0, {}, std::move(action)}});
 }
 
 void CallFaults::Alias(const std::string& text, const std::string& alias) {

@@ -32,6 +32,9 @@ public:
     void AnswerNth(const std::string& operation, int nth, long result);
     /// Lets `edit` change what the `nth` fstat from now has found.
     void EditNthFstat(int nth, std::function<void(struct stat&)> edit);
+    /// Runs `action` in the calling thread ahead of the `nth` call from now of `operation`. What
+    /// `action` calls is not recorded.
+    void BeforeNth(const std::string& operation, int nth, std::function<void()> action);
 
     /// Records show `alias` where `text` occurs.
     void Alias(const std::string& text, const std::string& alias);
@@ -49,6 +52,7 @@ public:
         long result = 0;  ///< if it is not made
         int error = 0;    ///< and its errno, 0 for none
         std::function<void(struct stat&)> edit;
+        std::function<void()> before;
     };
     /// For the wrappers: notes a call.
     Verdict Note(const std::string& operation, const std::string& arguments);
