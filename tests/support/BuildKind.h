@@ -15,7 +15,8 @@ inline constexpr bool kThreadSanitizer = true;
 inline constexpr bool kThreadSanitizer = false;
 #endif
 
-#if defined(__SANITIZE_ADDRESS__) || QEV_HAS_FEATURE(address_sanitizer) || !defined(__OPTIMIZE__)
+#if defined(__SANITIZE_ADDRESS__) || QEV_HAS_FEATURE(address_sanitizer) || \
+    !defined(__OPTIMIZE__) || defined(QEV_SLOW_BUILD)
 /// The build looks for other faults than many repetitions find, and takes its time.
 inline constexpr bool kSlowBuild = true;
 #else
