@@ -78,9 +78,23 @@ Bytes CopyOf(SharedMemoryBlockReaderIF& block) {
     return content;
 }
 
-bool IsCreatedHere(const std::string& name) {
+/// A creator that cannot be looked into cannot be attached to: its block would be replaced.
+void RequireNoHiddenCreator(const std::string& name) {
     const auto block = LookAtBlock(name);
-    return block && block->record && block->record->pid == getpid();
+    if (block && block->record && block->creator == BlockCreator::Hidden) {
+        throw std::runtime_error(
+            fmt::format("block {}: its creator may not be looked into by this user", name));
+    }
+}
+
+/// If that cannot be told, the block is rather held than lost.
+bool IsCreatedHere(const std::string& name) {
+    try {
+        const auto block = LookAtBlock(name);
+        return block && block->record && block->record->pid == getpid();
+    } catch (const std::runtime_error&) {
+        return true;
+    }
 }
 
 /// What the library throws does not name the block.
@@ -138,6 +152,7 @@ int RunBlockWrite(const BlockOptions& options) {
         throw std::runtime_error(fmt::format("{} holds more than the {} bytes of the block",
                                              input.Path(), options.size));
     }
+    RequireNoHiddenCreator(options.name);
     return UnlessInterrupted([&] { return WriteContent(options, content); });
 }
 
@@ -152,7 +167,11 @@ BlockView ViewOf(const std::string& name) {
 int RunBlockRead(const BlockOptions& options) {
     RequireBlockName(options.name);
     OutputFile output(options.file);
-    (void)ViewOf(options.name);  // to open a block that is not there would make its lock file
+    // To open a block that is not there would make its lock file, or give that another length.
+    if (!ViewOf(options.name).record) {
+        throw std::runtime_error(
+            fmt::format("block {} was never made: its lock file holds no record", options.name));
+    }
     Signals::Catch();
     return UnlessInterrupted([&] {
         Bytes content = CopyOf(*Opened<SharedMemoryBlockReader>(options.name));
@@ -191,8 +210,9 @@ Verb AddWrite(CLI::App& group) {
         "The block then holds the input and, up to its end, zeros. A block that is there keeps "
         "its\n"
         "size, and the command ends at once. Otherwise the command makes it and holds it until\n"
-        "Ctrl-C, because a block can be opened only while its creator lives. Input that does not\n"
-        "fit is refused, and nothing is written.");
+        "Ctrl-C (status 0), because a block can be opened only while its creator lives. Input "
+        "that\n"
+        "does not fit is refused, and nothing is written.");
     return verb;
 }
 

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
 
@@ -25,8 +26,8 @@ using BlockLockFile = LockFileIOBase<SharedMemoryMetadata>;
 }
 
 /// Opens for reading; never waits, whatever the file is.
-File OpenToLook(const std::string& path) {
-    return File(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+File OpenToLook(const std::string& path, int flags = 0) {
+    return File(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags));
 }
 
 std::optional<SharedMemoryMetadata> RecordIn(const File& lockFile, const std::string& path) {
@@ -48,18 +49,33 @@ bool IsRecorded(const struct stat& status, const SharedMemoryMetadata& record) {
     return S_ISREG(status.st_mode) && status.st_dev == record.dev && status.st_ino == record.ino;
 }
 
+/// What it says of the creator that its memory file could not be reached.
+BlockCreator WithoutFile(const SharedMemoryMetadata& record, const std::string& path, int error) {
+    const bool isMissing = error == ENOENT || error == ESRCH;
+    if (error == EACCES || error == EPERM) {
+        return BlockCreator::Hidden;
+    }
+    if (!isMissing) {
+        FailToRead(path, error);
+    }
+    // A process of another user may not even be listed.
+    const bool isListed = record.pid <= 0 || kill(record.pid, 0) == 0 || errno != EPERM ||
+                          access(("/proc/" + std::to_string(record.pid)).c_str(), F_OK) == 0;
+    return isListed ? BlockCreator::Gone : BlockCreator::Hidden;
+}
+
 BlockCreator CreatorOf(const SharedMemoryMetadata& record) {
     const std::string path = BlockMemoryPath(record.pid, record.fd);
     struct stat status {};
     if (stat(path.c_str(), &status) == -1) {
-        return errno == EACCES ? BlockCreator::Hidden : BlockCreator::Gone;
+        return WithoutFile(record, path, errno);
     }
     if (!IsRecorded(status, record)) {
         return BlockCreator::Other;  // not even opened: it may be anything
     }
     const File memory = OpenToLook(path);
     if (!memory.IsOpen()) {
-        return errno == EACCES ? BlockCreator::Hidden : BlockCreator::Gone;
+        return WithoutFile(record, path, errno);
     }
     std::int64_t uid = 0;
     const bool same = pread(memory.Fd(), &uid, sizeof uid, 0) == sizeof uid && uid == record.uid;
@@ -91,24 +107,25 @@ std::string TextOf(BlockCreator creator) {
     return "unknown: its process may not be looked into by this user";
 }
 
-std::string TextOf(const MemoryFileUser& user, const SharedMemoryMetadata& record) {
-    const bool isCreator = user.pid == record.pid && user.fd == record.fd;
+std::string TextOf(const MemoryFileUser& user, const BlockView& block) {
+    const bool isCreator = block.creator == BlockCreator::Alive && user.pid == block.record->pid &&
+                           user.fd == block.record->fd;
     return fmt::format("{} {} ({}{})", user.pid, OneLine(user.command),
                        isCreator ? "creator, " : "", user.writes ? "writes" : "reads");
 }
 
-std::string TextOf(const MemoryFileUsers& openBy, const SharedMemoryMetadata& record) {
+std::string UsersOf(const BlockView& block) {
     constexpr const char* kNextLine = "\n           ";
     std::string text;
-    for (const MemoryFileUser& user : openBy.users) {
-        text += (text.empty() ? "" : kNextLine) + TextOf(user, record);
+    for (const MemoryFileUser& user : block.openBy.users) {
+        text += (text.empty() ? "" : kNextLine) + TextOf(user, block);
     }
     if (text.empty()) {
         text = "nobody";
     }
-    if (openBy.hiddenProcesses > 0) {
-        text +=
-            fmt::format("{}processes hidden from this user: {}", kNextLine, openBy.hiddenProcesses);
+    if (block.openBy.hiddenProcesses > 0) {
+        text += fmt::format("{}processes hidden from this user: {}", kNextLine,
+                            block.openBy.hiddenProcesses);
     }
     return text;
 }
@@ -118,7 +135,7 @@ std::string TextOf(const MemoryFileUsers& openBy, const SharedMemoryMetadata& re
 std::optional<BlockView> LookAtBlock(const std::string& name) {
     BlockView block;
     block.lockFile = BlockLockPath(name);
-    const File lockFile = OpenToLook(block.lockFile);
+    const File lockFile = OpenToLook(block.lockFile, O_NOFOLLOW);
     if (!lockFile.IsOpen()) {
         if (errno == ENOENT) {
             return std::nullopt;
@@ -146,7 +163,7 @@ std::string TextOf(const std::string& name, const BlockView& block) {
     text += fmt::format("creator    {}\n", TextOf(block.creator));
     text += block.size ? fmt::format("size       {} bytes\n", *block.size)
                        : std::string("size       unknown\n");
-    text += fmt::format("open by    {}\n", TextOf(block.openBy, record));
+    text += fmt::format("open by    {}\n", UsersOf(block));
     return text;
 }
 

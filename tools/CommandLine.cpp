@@ -17,6 +17,14 @@ const std::map<std::string, WaitMode> kWaitModes{{"spin", WaitMode::Spin},
                                                  {"sleep", WaitMode::Sleep},
                                                  {"adaptive", WaitMode::Adaptive}};
 
+/// A sign would be taken for a very large number, and a leading 0 for an octal one.
+std::string RefuseIfNoPlainNumber(const std::string& text) {
+    const bool startsWithDigit = !text.empty() && text.front() >= '0' && text.front() <= '9';
+    const bool hasLeadingZero =
+        text.size() > 1 && text[0] == '0' && text[1] >= '0' && text[1] <= '9';
+    return startsWithDigit && !hasLeadingZero ? "" : "Value " + text + " is not a number of bytes";
+}
+
 }  // namespace
 
 CLI::Option* AddBytesOption(CLI::App& command, const std::string& name, std::uint64_t& bytes,
@@ -24,6 +32,7 @@ CLI::Option* AddBytesOption(CLI::App& command, const std::string& name, std::uin
     constexpr bool kThousandsAreKb = false;
     return command.add_option(name, bytes, help)
         ->transform(CLI::AsSizeValue(kThousandsAreKb))
+        ->transform(CLI::Validator(RefuseIfNoPlainNumber, "", ""))  // comes before the other
         ->option_text(fmt::format("BYTES [{}]", bytes));
 }
 

@@ -23,6 +23,12 @@ std::string Reason(const char* what, const std::string& path, int error) {
     return fmt::format("cannot {} {}: {}({})", what, path, error, std::strerror(error));
 }
 
+/// Whether a standard stream may be used in the `direction`, O_RDONLY or O_WRONLY.
+bool IsOpenFor(int stream, int direction) {
+    const int flags = fcntl(stream, F_GETFL);
+    return flags != -1 && ((flags & O_ACCMODE) == direction || (flags & O_ACCMODE) == O_RDWR);
+}
+
 struct stat StatOf(int fd, const std::string& path) {
     struct stat status {};
     if (fstat(fd, &status) != 0) {
@@ -75,8 +81,11 @@ File& File::operator=(File&& other) noexcept {
 
 InputFile::InputFile(std::string path) : path_(std::move(path)) {
     if (path_ == kStandardStream) {
-        file_ = File(STDIN_FILENO);
         path_ = "standard input";
+        if (!IsOpenFor(STDIN_FILENO, O_RDONLY)) {
+            throw UsageError(Reason("read", path_, EBADF));
+        }
+        file_ = File(STDIN_FILENO);
     } else {
         file_ = File(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
     }
@@ -123,10 +132,10 @@ std::size_t InputFile::Read(const ByteSpan& buffer, const StopPredicate& stop) c
 OutputFile::OutputFile(std::string path) : path_(std::move(path)) {
     if (path_ == kStandardStream) {
         path_ = "standard output";
-        file_ = File(STDOUT_FILENO);
-        if (fcntl(STDOUT_FILENO, F_GETFD) == -1) {
-            throw UsageError(Reason("write", path_, errno));
+        if (!IsOpenFor(STDOUT_FILENO, O_WRONLY)) {
+            throw UsageError(Reason("write", path_, EBADF));
         }
+        file_ = File(STDOUT_FILENO);
         return;
     }
     struct stat status {};
@@ -189,9 +198,14 @@ bool OutputFile::Write(const ByteSpan& data, const StopPredicate& stop) const {
         const ssize_t count = write(file_.Fd(), data.data() + done, data.size() - done);
         if (count >= 0) {
             done += static_cast<std::size_t>(count);
+        } else if (errno == EAGAIN) {
+            pollfd ready{file_.Fd(), POLLOUT, 0};
+            (void)poll(&ready, 1, kPollMilliseconds);
         } else if (errno != EINTR) {
             throw std::runtime_error(Reason("write", path_, errno));
-        } else if (stop()) {
+        }
+        // Also when a part was written: that is how a signal ends a long write.
+        if (done < data.size() && stop()) {
             return false;
         }
     }

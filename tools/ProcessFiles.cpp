@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 #include <tuple>
 
@@ -88,7 +89,12 @@ bool AddUses(int pid, dev_t device, ino_t inode, std::vector<MemoryFileUser>& us
 MemoryFileUsers UsersOfMemoryFile(dev_t device, ino_t inode) {
     MemoryFileUsers found;
     std::error_code error;
-    for (const int pid : NumberedEntries("/proc", error)) {
+    const auto processes = NumberedEntries("/proc", error);
+    if (error) {
+        throw std::runtime_error("cannot read /proc: " + std::to_string(error.value()) + "(" +
+                                 error.message() + ")");
+    }
+    for (const int pid : processes) {
         if (!AddUses(pid, device, inode, found.users)) {
             ++found.hiddenProcesses;
         }

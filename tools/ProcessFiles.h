@@ -23,6 +23,7 @@ struct MemoryFileUsers {
 
 /// Looks through the descriptors of all processes for the memory file that is inode `inode` of
 /// device `device`. Processes that come or go meanwhile may be missing.
+/// @throws std::runtime_error when /proc cannot be read
 [[nodiscard]] MemoryFileUsers UsersOfMemoryFile(dev_t device, ino_t inode);
 
 }  // namespace qel

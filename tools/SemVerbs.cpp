@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -21,7 +22,8 @@ namespace {
 struct SemOptions {
     std::string name;
     int count = 1;
-    std::optional<double> timeout;  ///< seconds
+    double timeout = 0;  ///< seconds, if given
+    const CLI::Option* timeoutOption = nullptr;
 };
 
 constexpr double kLongestTimeout = 1e9;
@@ -33,16 +35,17 @@ std::string BareName(const SemOptions& options) {
     return name;
 }
 
-std::optional<SystemSemaphore::Deadline> DeadlineOf(const std::optional<double>& timeout) {
-    if (!timeout) {
+std::optional<SystemSemaphore::Deadline> DeadlineOf(const SemOptions& options) {
+    if (options.timeoutOption->empty()) {
         return std::nullopt;
     }
-    const bool inRange = *timeout >= 0 && *timeout <= kLongestTimeout;  // no for a NaN
+    const bool inRange =
+        options.timeout >= 0 && options.timeout <= kLongestTimeout;  // no for a NaN
     if (!inRange) {
         throw UsageError(
-            fmt::format("--timeout: {} is not in range 0 to {}", *timeout, kLongestTimeout));
+            fmt::format("--timeout: {} is not in range 0 to {}", options.timeout, kLongestTimeout));
     }
-    const std::chrono::duration<double> seconds(*timeout);
+    const std::chrono::duration<double> seconds(options.timeout);
     return std::chrono::steady_clock::now() +
            std::chrono::duration_cast<std::chrono::nanoseconds>(seconds);
 }
@@ -115,12 +118,17 @@ int RunPost(const SemOptions& options) {
         throw std::runtime_error(
             fmt::format("{}; {} of {} units posted", failure.what(), posted, options.count));
     }
-    return posted == options.count ? 0 : ExitInterrupted(Signals::First());
+    if (posted < options.count) {
+        (void)std::fprintf(stderr, "qev sem post: interrupted; %d of %d units posted\n", posted,
+                           options.count);
+        return ExitInterrupted(Signals::First());
+    }
+    return 0;
 }
 
 int RunWait(const SemOptions& options) {
     const std::string name = BareName(options);
-    const auto deadline = DeadlineOf(options.timeout);
+    const auto deadline = DeadlineOf(options);
     const SystemSemaphore semaphore(name, SystemSemaphore::IfMissing::Create);
     Signals::Catch();
     const StopPredicate interrupted = [] { return Signals::Count() > 0; };
@@ -134,18 +142,31 @@ int RunWait(const SemOptions& options) {
     }
     throw std::runtime_error(
         fmt::format("semaphore /{}: {} of {} units came within {} s; none taken", name, got,
-                    options.count, *options.timeout));
+                    options.count, options.timeout));
 }
 
 int RunTry(const SemOptions& options) {
     const std::string name = BareName(options);
     const SystemSemaphore semaphore(name, SystemSemaphore::IfMissing::Refuse);
-    const int got = TakeAll(semaphore, options.count, [&] { return semaphore.TryTake(); });
+    Signals::Catch();
+    int got = semaphore.Value();
+    if (got >= options.count) {  // otherwise nothing is taken even for a moment
+        got = TakeAll(semaphore, options.count,
+                      [&] { return Signals::Count() == 0 && semaphore.TryTake(); });
+    }
     if (got == options.count) {
         return 0;
     }
+    if (Signals::Count() > 0) {
+        return ExitInterrupted(Signals::First());
+    }
     throw std::runtime_error(
         fmt::format("semaphore /{}: {} of {} units free; none taken", name, got, options.count));
+}
+
+/// An empty text would be taken for 0.
+std::string RefuseIfEmpty(const std::string& text) {
+    return text.empty() ? "Value is empty" : "";
 }
 
 using Options = std::shared_ptr<SemOptions>;
@@ -183,11 +204,15 @@ Verb AddWait(CLI::App& group) {
     const auto options = std::make_shared<SemOptions>();
     Verb verb = AddSemVerb(group, "wait", "Take units, waiting for them", RunWait, options);
     AddCount(verb, options, "How many: all or none");
-    verb.command->add_option("--timeout", options->timeout, "Give up after so long, with status 1")
-        ->option_text("SECONDS");
+    options->timeoutOption =
+        verb.command
+            ->add_option("--timeout", options->timeout, "Give up after so long, with status 1")
+            ->check(CLI::Validator(RefuseIfEmpty, "", ""))
+            ->option_text("SECONDS");
     verb.command->footer(
         "The units stay taken when the command ends. If it gives up or is interrupted, none are.\n"
-        "A semaphore that is not there is made.");
+        "They are collected one by one, so two that wait for several can starve each other. A\n"
+        "semaphore that is not there is made.");
     return verb;
 }
 

@@ -22,11 +22,17 @@ void CountSignal(int signal) {
 }  // namespace
 
 void Signals::Catch() {
+    struct sigaction before {};
+    (void)sigaction(SIGHUP, nullptr, &before);
+    const bool hangupIsIgnored = before.sa_handler == SIG_IGN;  // by nohup
     struct sigaction action {};
     action.sa_handler = CountSignal;  // no SA_RESTART: waiting calls are to return
     (void)sigemptyset(&action.sa_mask);
     for (const int signal : kRequests) {
         (void)sigaction(signal, &action, nullptr);
+    }
+    if (hangupIsIgnored) {
+        (void)std::signal(SIGHUP, SIG_IGN);
     }
     (void)std::signal(SIGPIPE, SIG_IGN);
     (void)std::signal(SIGXFSZ, SIG_IGN);

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
@@ -21,6 +24,16 @@ std::string NameOf(const CLI::App& app) {
     return verbs.empty() ? app.get_name() : app.get_name() + " " + NameOf(*verbs.front());
 }
 
+/// A file that is opened later must not become a standard stream that was closed: messages would go
+/// into it. What is put there can be used as little as what was closed.
+void OccupyStandardStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) == -1) {
+            (void)open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        }
+    }
+}
+
 std::vector<Verb> AddVerbs(CLI::App& app) {
     std::vector<Verb> verbs{AddPipelineVerb(app), AddProduceVerb(app), AddNodeVerb(app),
                             AddConsumeVerb(app)};
@@ -31,6 +44,7 @@ std::vector<Verb> AddVerbs(CLI::App& app) {
 }
 
 int Main(int argc, char** argv) {
+    OccupyStandardStreams();
     // The library reports on standard output, which belongs to data and summaries here.
     std::cout.flush();
     std::ostream out(std::cout.rdbuf(std::cerr.rdbuf()));

@@ -2,9 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -167,21 +170,124 @@ TEST_F(BlockVerbs, LongestNameWorks) {
     EXPECT_EQ(unlink(BlockLockPath(name).c_str()), 0);
 }
 
+/// True while the process waits for a lock of a file.
+bool WaitsForLock(pid_t pid) {
+    const std::string locks = ReadFile("/proc/locks");
+    for (std::size_t at = 0; (at = locks.find("-> FLOCK", at)) != std::string::npos; ++at) {
+        const std::string line = locks.substr(at, locks.find('\n', at) - at);
+        if (line.find(" " + std::to_string(pid) + " ") != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 TEST_F(BlockVerbs, WaitForALockCanBeInterrupted) {
     SharedMemoryBlockWriter block(name_.Name(), 10);
     block.LockForWrite();
     for (const auto& arguments : {Block("read"), WriteOf("x", "10")}) {
         Command command(arguments);
-        // It ends by the first signal that comes after its preparations; the status tells which.
-        WaitUntil([&] {
-            if (!command.HasEnded()) {
-                command.Signal(SIGINT);
-            }
-            return command.HasEnded();
-        });
-        EXPECT_THAT(command.Wait().status, testing::AnyOf(130, -1));
+        WaitUntil([&] { return WaitsForLock(command.Pid()); });
+        command.Signal(SIGINT);
+        const CommandResult result = command.Wait();
+        EXPECT_EQ(result.status, 130);
+        EXPECT_EQ(result.out, "");
     }
     block.UnlockForWrite();
+    ExpectContent(Zeros(10));
+}
+
+TEST_F(BlockVerbs, ReadThatNobodyTakesIsInterruptedAtOnce) {
+    SharedMemoryBlockWriter block(name_.Name(), 1U << 20U);
+    const Pipe output;
+    Command read(Block("read"), {-1, output.In(), -1});
+    EXPECT_EQ(output.Read(1).size(), 1U);  // it writes, and will have to wait
+    WaitUntil([&] {
+        int waiting = 0;
+        EXPECT_EQ(ioctl(output.Out(), FIONREAD, &waiting), 0);
+        return waiting > 60000;
+    });
+    read.Signal(SIGINT);
+    EXPECT_EQ(read.Wait().status, 130);
+}
+
+TEST_F(BlockVerbs, ReadThroughAPipeThatDoesNotWaitIsWhole) {
+    SharedMemoryBlockWriter block(name_.Name(), 1U << 20U);
+    const Pipe output;
+    ASSERT_EQ(fcntl(output.In(), F_SETFL, O_NONBLOCK), 0);
+    Command read(Block("read"), {-1, output.In(), -1});
+    EXPECT_TRUE(output.Read(1U << 20U) == Zeros(1U << 20U));
+    EXPECT_EQ(read.Wait().status, 0);
+}
+
+TEST_F(BlockVerbs, HolderOutlivesItsTerminalWhenStartedSo) {
+    const auto before = std::signal(SIGHUP, SIG_IGN);
+    BlockHolder holder(WriteOf("x", "1"));
+    (void)std::signal(SIGHUP, before);
+    holder.Process().Signal(SIGHUP);
+    ExpectContent("x");
+    EXPECT_FALSE(holder.Process().HasEnded());
+    holder.Process().Signal(SIGTERM);
+    EXPECT_EQ(holder.Process().Wait().status, 0);
+}
+
+TEST_F(BlockVerbs, ReadLeavesALockFileWithoutARecordAlone) {
+    for (const std::size_t length : {0U, 5000U}) {
+        WriteFile(name_.LockPath(), Zeros(length));
+        ExpectFailure(Block("read"), "qev block read: block " + name_.Name() +
+                                         " was never made: its lock file holds no record");
+        EXPECT_TRUE(ReadFile(name_.LockPath()) == Zeros(length));
+    }
+}
+
+TEST_F(BlockVerbs, BlockOfACreatorThatIsHiddenIsNotReplaced) {
+    const SharedMemoryBlockWriter block(name_.Name(), 10);
+    const std::string before = ReadFile(name_.LockPath());
+    const auto arguments = WriteOf("x", "10");
+    ASSERT_EQ(prctl(PR_SET_DUMPABLE, 0), 0);  // hides this process
+    const CommandResult result = RunQev(arguments, {-1, -1, -1, /*withoutPrivileges=*/true});
+    ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "qev block write: block " + name_.Name() +
+                              ": its creator may not be looked into by this user\n");
+    EXPECT_TRUE(ReadFile(name_.LockPath()) == before);
+}
+
+class BlockVerbsWithoutStandardStreams : public BlockVerbs {
+protected:
+    /// Runs the command with `closed` streams, such as "2>&-".
+    [[nodiscard]] static int Run(const std::vector<std::string>& arguments,
+                                 const std::string& closed) {
+        std::string line = QEV_COMMAND;
+        for (const std::string& argument : arguments) {
+            line += " '" + argument + "'";
+        }
+        const int status = std::system((line + " " + closed).c_str());  // NOLINT(cert-env33-c)
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+};
+
+TEST_F(BlockVerbsWithoutStandardStreams, MessagesDoNotGoIntoTheBlocksFiles) {
+    SharedMemoryBlockWriter block(name_.Name(), 10);
+    const std::string before = ReadFile(name_.LockPath());
+    EXPECT_EQ(Run(WriteOf("content", "10"), "<&- >&- 2>&-"), 0);
+    EXPECT_TRUE(ReadFile(name_.LockPath()) == before);
+    ExpectContent("content" + Zeros(3));
+}
+
+TEST_F(BlockVerbsWithoutStandardStreams, OutputFileIsReplacedAllTheSame) {
+    SharedMemoryBlockWriter block(name_.Name(), 3);
+    const std::string output = folder_.Path("output");
+    WriteFile(output, "something longer");
+    EXPECT_EQ(Run(Block("read", {"--output", output}), ">&-"), 0);
+    EXPECT_TRUE(ReadFile(output) == Zeros(3));
+}
+
+TEST_F(BlockVerbsWithoutStandardStreams, UseOfAClosedStreamIsRefused) {
+    SharedMemoryBlockWriter block(name_.Name(), 3);
+    EXPECT_EQ(Run(Block("write", {"--size", "3"}), "<&- 2>/dev/null"), 2);
+    EXPECT_EQ(Run(Block("read"), ">&- 2>/dev/null"), 2);
+    EXPECT_EQ(Run(Block("show"), ">&- 2>/dev/null"), 1);
 }
 
 }  // namespace

@@ -143,6 +143,25 @@ TEST_F(SemVerbs, TryTakesAllOrNothing) {
                   "qev sem try: semaphore " + name_.Name() + ": 0 of 1 units free; none taken");
 }
 
+TEST_F(SemVerbs, TryThatIsInterruptedTakesNothing) {
+    (void)Semaphore(SEM_VALUE_MAX);
+    Command attempt(Sem("try", {"--count", std::to_string(SEM_VALUE_MAX)}));
+    WaitUntil([this] { return Value() < SEM_VALUE_MAX; });
+    attempt.Signal(SIGINT);
+    EXPECT_EQ(attempt.Wait().status, 130);
+    EXPECT_EQ(Value(), SEM_VALUE_MAX);
+}
+
+TEST_F(SemVerbs, PostThatIsInterruptedSaysHowFarItCame) {
+    Command post(Sem("post", {"--count", std::to_string(SEM_VALUE_MAX)}));
+    WaitUntil([this] { return Value() > 0; });
+    post.Signal(SIGINT);
+    const CommandResult result = post.Wait();
+    EXPECT_EQ(result.status, 130);
+    EXPECT_EQ(result.err, "qev sem post: interrupted; " + std::to_string(Value()) +
+                              " of 2147483647 units posted\n");
+}
+
 TEST_F(SemVerbs, ShowTellsValueAndFile) {
     (void)Semaphore(7);
     ASSERT_EQ(chmod(Path().c_str(), 0640), 0);
