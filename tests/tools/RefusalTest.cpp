@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -32,6 +33,15 @@ protected:
         WriteFile(folder_.Path("OUT"), "precious");
         ASSERT_EQ(mkdir(folder_.Path("DIR").c_str(), 0777), 0);
     }
+
+    /// What a command made that should have refused.
+    void TearDown() override {
+        (void)unlink(LockPath().c_str());
+        (void)unlink(SemaphorePath().c_str());
+    }
+
+    [[nodiscard]] std::string LockPath() const { return "/tmp/" + name_.Name() + "_shm.lock"; }
+    [[nodiscard]] std::string SemaphorePath() const { return "/dev/shm/sem." + name_.Name(); }
 
     [[nodiscard]] std::string Filled(std::string text) const {
         for (const char* const word : {"IN", "OUT", "NEW", "DIR"}) {
@@ -70,8 +80,8 @@ TEST_P(Refusal, IsOneLineAndTouchesNothing) {
     EXPECT_EQ(ReadFile(folder_.Path("IN")), "input");
     EXPECT_FALSE(Exists(folder_.Path("NEW")));
     EXPECT_FALSE(Exists(name_.Path()));
-    EXPECT_FALSE(Exists("/tmp/" + name_.Name() + "_shm.lock"));
-    EXPECT_FALSE(Exists("/dev/shm/sem." + name_.Name()));
+    EXPECT_FALSE(Exists(LockPath()));
+    EXPECT_FALSE(Exists(SemaphorePath()));
 }
 
 std::vector<std::string> Pipeline(const std::vector<std::string>& options) {
