@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "IdleStrategy.h"
@@ -41,6 +42,9 @@ public:
 
     /// Takes the next packet; while it waits it releases what other threads finish.
     ReceivedPacket Next();
+
+    /// As `Next`, but does not wait and does not ask whether to stop: nothing if no packet waits.
+    std::optional<ReceivedPacket> TryNext();
 
     /// Marks a packet as no longer needed; its space goes back with a later `Next` or `Release`.
     bool Finish(InOrderRelease::Ticket ticket) { return releases_.Finish(ticket); }

@@ -6,26 +6,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "RingInfo.h"
 #include "SharedMemLibFactory.h"
 #include "ShmFile.h"
 
 namespace qel {
 namespace {
-
-constexpr unsigned kLastNode = 4;
-
-void RequireInfo(const SharedBufferIF::BufferInfo& info) {
-    RequireRingName(info.shmName);
-    RequireRingSize(info.shmSize);
-    if (info.nodeIdx > kLastNode) {
-        throw std::invalid_argument("node " + std::to_string(info.nodeIdx) + " is not in 0 to " +
-                                    std::to_string(kLastNode));
-    }
-    if (info.nodeIdx == kLastNode && !info.sink) {
-        throw std::invalid_argument("node " + std::to_string(kLastNode) +
-                                    " is the last and must be the sink");
-    }
-}
 
 /// Sizes a fresh object, and refuses one of another size. The lock on `file` is held.
 void SizeObject(const ShmFile& file, const SharedBufferIF::BufferInfo& info) {
@@ -49,7 +35,7 @@ void SizeObject(const ShmFile& file, const SharedBufferIF::BufferInfo& info) {
 }  // namespace
 
 std::unique_ptr<SharedPacketBufferIF> OpenRing(const SharedBufferIF::BufferInfo& info) {
-    RequireInfo(info);
+    RequireRingInfo(info);
     const ShmFile file(info.shmName, O_RDWR | O_CREAT);
     if (!file.IsOpen()) {
         file.Fail("open", errno);

@@ -4,28 +4,37 @@
 
 namespace qel {
 
-ReceivedPacket PacketReader::Next() {
-    idle_.Reset();
-    while (!stop_ || !stop_()) {
+std::optional<ReceivedPacket> PacketReader::TryNext() {
+    const ReceivedPacket kBroken{ReadOutcome::Broken, 0, {}};
+    while (true) {
         if (releases_.ReleaseFinished() != SMStatusCode::SUCCESS) {
-            return {ReadOutcome::Broken, 0, {}};
+            return kBroken;
         }
         const ReadNextPacketResult read = ring_.ReadNextPacket();
         if (read.status == SMStatusCode::DATA_NOT_AVAILABLE) {
-            idle_.Idle();
-            continue;
+            return std::nullopt;
         }
         if (read.status != SMStatusCode::SUCCESS) {
-            return {ReadOutcome::Broken, 0, {}};
+            return kBroken;
         }
         const InOrderRelease::Ticket ticket = releases_.Add(read.packet);
         if (!read.packet.header.ignoreData) {
             const bool atEnd = IsEndOfStream(read.packet);
-            return {atEnd ? ReadOutcome::EndOfStream : ReadOutcome::Packet, ticket, read.packet};
+            return ReceivedPacket{atEnd ? ReadOutcome::EndOfStream : ReadOutcome::Packet, ticket,
+                                  read.packet};
         }
         ++fillers_;
         releases_.Finish(ticket);
-        idle_.Reset();
+    }
+}
+
+ReceivedPacket PacketReader::Next() {
+    idle_.Reset();
+    while (!stop_ || !stop_()) {
+        if (auto received = TryNext()) {
+            return *received;
+        }
+        idle_.Idle();
     }
     return {ReadOutcome::Stopped, 0, {}};
 }

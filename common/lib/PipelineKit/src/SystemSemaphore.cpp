@@ -1,9 +1,10 @@
 #include "SystemSemaphore.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -34,8 +35,7 @@ timespec TimeSpecOf(SystemSemaphore::Deadline deadline) {
 SystemSemaphore::SystemSemaphore(std::string name, IfMissing ifMissing)
     : name_(std::move(name)), semaphore_(SEM_FAILED) {
     if (IsTooShort(PathOf(name_))) {
-        throw std::runtime_error(
-            fmt::format("{} is damaged: too short for a semaphore", PathOf(name_)));
+        throw std::runtime_error(PathOf(name_) + " is damaged: too short for a semaphore");
     }
     const int flags = ifMissing == IfMissing::Create ? O_CREAT : 0;
     semaphore_ = sem_open(("/" + name_).c_str(), flags, kMode, 0U);
@@ -63,6 +63,14 @@ int SystemSemaphore::Value() const {
 void SystemSemaphore::Post() const {
     if (sem_post(semaphore_) != 0) {
         Fail("post to", errno);
+    }
+}
+
+void SystemSemaphore::Signal() const {
+    // What is signalled must not come after the look at the value, see TakeFor.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (Value() == 0) {
+        Post();
     }
 }
 
@@ -99,9 +107,24 @@ bool SystemSemaphore::Take(const std::optional<Deadline>& deadline,
     return false;
 }
 
+bool SystemSemaphore::TakeFor(std::chrono::microseconds limit) const {
+    constexpr std::chrono::microseconds kLongest = std::chrono::hours(24);  // no sum overflows
+    const auto until = TimeSpecOf(std::chrono::steady_clock::now() + std::min(limit, kLongest));
+    if (sem_clockwait(semaphore_, CLOCK_MONOTONIC, &until) != 0) {
+        if (errno != ETIMEDOUT && errno != EINTR) {
+            Fail("take from", errno);
+        }
+        return false;
+    }
+    // Pairs with the fence of Signal: a signal that met the unit taken here, and so posted none,
+    // has its cause seen by whatever this thread looks at next.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    return true;
+}
+
 void SystemSemaphore::Fail(const char* what, int error) const {
-    throw std::runtime_error(
-        fmt::format("cannot {} semaphore /{}: {}({})", what, name_, error, std::strerror(error)));
+    throw std::runtime_error("cannot " + std::string(what) + " semaphore /" + name_ + ": " +
+                             std::to_string(error) + "(" + std::strerror(error) + ")");
 }
 
 }  // namespace qel
