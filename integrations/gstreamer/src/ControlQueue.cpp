@@ -1,0 +1,69 @@
+#include "ControlQueue.h"
+
+#include "EndOfStream.h"
+
+namespace qel {
+namespace {
+
+bool Belong(const ControlRecord& record, const Packet& packet) {
+    if (IsEndOfStream(packet)) {
+        return record.head.kind == ControlKind::EndOfStream;
+    }
+    return record.head.kind == ControlKind::Frame && record.head.pts == packet.header.pts &&
+           record.head.control.dataSize == packet.data.size();
+}
+
+}  // namespace
+
+/// Reads one record and hands it on at once, so that the next node has it before the packet.
+bool ControlQueue::Pull() {
+    const ReadNextPacketResult read = ring_.ReadNextPacket();
+    if (read.status != SMStatusCode::SUCCESS) {
+        return false;
+    }
+    if (!read.packet.header.ignoreData) {
+        if (auto record = ParseControlRecord(read.packet.data)) {
+            records_.push_back(std::move(*record));
+        }
+    }
+    (void)ring_.ReleasePacket(read.packet);
+    return true;
+}
+
+ControlQueue::Match ControlQueue::Take(const Packet& packet) {
+    while (records_.size() > kMostRecords) {
+        records_.pop_front();
+    }
+    std::size_t place = 0;
+    while (place == records_.size() || !Belong(records_[place], packet)) {
+        if (place < records_.size()) {
+            ++place;
+        } else if (!Pull()) {
+            return {};
+        }
+    }
+    Match match;
+    match.details = records_[place].head;
+    for (std::size_t i = 0; i < place; ++i) {
+        if (!records_[i].IsOfPacket()) {
+            match.events.push_back(std::move(records_[i]));
+        }
+    }
+    const auto end = records_.begin() + static_cast<std::ptrdiff_t>(place) + 1;
+    records_.erase(records_.begin(), end);
+    return match;
+}
+
+std::optional<ControlRecord> ControlQueue::TakeEvent() {
+    if (records_.empty() && !Pull()) {
+        return std::nullopt;
+    }
+    if (records_.empty() || records_.front().IsOfPacket()) {
+        return std::nullopt;
+    }
+    ControlRecord event = std::move(records_.front());
+    records_.pop_front();
+    return event;
+}
+
+}  // namespace qel

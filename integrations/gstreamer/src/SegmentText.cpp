@@ -1,0 +1,59 @@
+#include "SegmentText.h"
+
+#include <cmath>
+
+#include "GstHandles.h"
+
+namespace qel {
+
+std::string TextOf(const GstSegment& segment) {
+    const StructureHandle fields(gst_structure_new(
+        "segment", "flags", G_TYPE_UINT, static_cast<guint>(segment.flags), "rate", G_TYPE_DOUBLE,
+        segment.rate, "applied-rate", G_TYPE_DOUBLE, segment.applied_rate, "base", G_TYPE_UINT64,
+        segment.base, "offset", G_TYPE_UINT64, segment.offset, "start", G_TYPE_UINT64,
+        segment.start, "stop", G_TYPE_UINT64, segment.stop, "time", G_TYPE_UINT64, segment.time,
+        "position", G_TYPE_UINT64, segment.position, "duration", G_TYPE_UINT64, segment.duration,
+        nullptr));
+    return TextOf(fields.get());
+}
+
+std::optional<GstSegment> SegmentFromText(const std::string& text) {
+    const StructureHandle fields(gst_structure_from_string(text.c_str(), nullptr));
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    guint flags = 0;
+    if (!fields ||
+        gst_structure_get(fields.get(), "flags", G_TYPE_UINT, &flags, "rate", G_TYPE_DOUBLE,
+                          &segment.rate, "applied-rate", G_TYPE_DOUBLE, &segment.applied_rate,
+                          "base", G_TYPE_UINT64, &segment.base, "offset", G_TYPE_UINT64,
+                          &segment.offset, "start", G_TYPE_UINT64, &segment.start, "stop",
+                          G_TYPE_UINT64, &segment.stop, "time", G_TYPE_UINT64, &segment.time,
+                          "position", G_TYPE_UINT64, &segment.position, "duration", G_TYPE_UINT64,
+                          &segment.duration, nullptr) == FALSE) {
+        return std::nullopt;
+    }
+    segment.flags = static_cast<GstSegmentFlags>(flags);
+    const bool isSound = std::isfinite(segment.rate) && segment.rate != 0 &&
+                         std::isfinite(segment.applied_rate) && segment.applied_rate != 0 &&
+                         GST_CLOCK_TIME_IS_VALID(segment.start) && segment.start <= segment.stop;
+    return isSound ? std::optional(segment) : std::nullopt;
+}
+
+GstSegment AlignedSegment(GstSegment segment, GstClockTime pts, GstClockTime now) {
+    guint64 running = 0;
+    const gint sign = gst_segment_to_running_time_full(&segment, GST_FORMAT_TIME, pts, &running);
+    if (sign == 0 || !GST_CLOCK_TIME_IS_VALID(now)) {
+        return segment;
+    }
+    const auto delta = static_cast<gint64>(now) - sign * static_cast<gint64>(running);
+    if (delta >= 0) {
+        segment.base += static_cast<guint64>(delta);
+    } else {
+        // What is ahead of the first buffer counts as played. The offset is in units of position.
+        segment.offset +=
+            static_cast<guint64>(-static_cast<double>(delta) * std::abs(segment.rate));
+    }
+    return segment;
+}
+
+}  // namespace qel

@@ -1,0 +1,242 @@
+#include "SinkStream.h"
+
+#include <utility>
+
+#include "CaptureTime.h"
+#include "EndOfStream.h"
+#include "MappedMemories.h"
+#include "RingBuffer.h"
+#include "SegmentText.h"
+
+namespace qel {
+namespace {
+
+/// True if the planes lie as the caps alone tell, which is all that readers know.
+bool LiesAsCapsTell(const GstVideoMeta& meta, const GstVideoInfo& info) {
+    for (guint plane = 0; plane < meta.n_planes; ++plane) {
+        if (meta.stride[plane] != GST_VIDEO_INFO_PLANE_STRIDE(&info, plane) ||
+            meta.offset[plane] != GST_VIDEO_INFO_PLANE_OFFSET(&info, plane)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+Packet PacketOf(GstBuffer* buffer) {
+    Packet packet;
+    packet.header.pts = GST_BUFFER_PTS_IS_VALID(buffer)
+                            ? static_cast<std::int64_t>(GST_BUFFER_PTS(buffer))
+                            : kNoPts;
+    packet.header.key = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT) == FALSE;
+    SetCaptureTime(packet.header, buffer);
+    return packet;
+}
+
+}  // namespace
+
+void SinkStream::Start(const SinkSettings& settings) {
+    settings_ = &settings;
+    const CommonSettings& common = settings.common;
+    auto writer = std::make_unique<StreamWriter>(StreamOptions{
+        RingNameOf(GST_OBJECT(sink_), common.ring), common.size,
+        static_cast<std::uint8_t>(common.node), false, settings.maxFrames, common.wakeUp});
+    video_.reset();
+    dropsUntilKeyFrame_ = false;
+    for (auto* const figure : {&packets_, &bytes_, &dropped_, &copies_}) {
+        figure->store(0);
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    writer_ = std::move(writer);
+}
+
+void SinkStream::Stop() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    writer_.reset();
+}
+
+void SinkStream::SetUnlocked(bool unlocked) {
+    unlocked_ = unlocked;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unlocked && writer_) {
+        writer_->Wake();
+    }
+}
+
+void SinkStream::SetCaps(const GstCaps* caps) {
+    video_.reset();
+    GstVideoInfo info;
+    if (gst_structure_has_name(gst_caps_get_structure(caps, 0), "video/x-raw") != FALSE &&
+        gst_video_info_from_caps(&info, caps) != FALSE) {
+        video_ = info;
+    }
+    TellText(ControlKind::Caps, TextHandle(gst_caps_to_string(caps)).get(),
+             MakeEventHead(ControlKind::Caps));
+}
+
+void SinkStream::Tell(GstEvent* event) {
+    switch (GST_EVENT_TYPE(event)) {
+        case GST_EVENT_SEGMENT: {
+            const GstSegment* segment = nullptr;
+            gst_event_parse_segment(event, &segment);
+            if (segment->format == GST_FORMAT_TIME) {
+                TellText(ControlKind::Segment, TextOf(*segment),
+                         MakeEventHead(ControlKind::Segment));
+            }
+            break;
+        }
+        case GST_EVENT_TAG: {
+            GstTagList* tags = nullptr;
+            gst_event_parse_tag(event, &tags);
+            TellText(ControlKind::Tags, TextHandle(gst_tag_list_to_string(tags)).get(),
+                     MakeEventHead(ControlKind::Tags));
+            break;
+        }
+        case GST_EVENT_GAP: {
+            GstClockTime start = 0;
+            GstClockTime duration = 0;
+            gst_event_parse_gap(event, &start, &duration);
+            ControlHead head = MakeEventHead(ControlKind::Gap);
+            head.pts = static_cast<std::int64_t>(start);
+            head.duration = duration;
+            TellText(ControlKind::Gap, {}, head);
+            break;
+        }
+        case GST_EVENT_CUSTOM_DOWNSTREAM:
+            if (const GstStructure* const fields = gst_event_get_structure(event)) {
+                TellText(ControlKind::Custom, TextOf(fields), MakeEventHead(ControlKind::Custom));
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+void SinkStream::TellText(ControlKind kind, const std::string& text, ControlHead head) {
+    if (!writer_->Tell(kind, text, head)) {
+        GST_WARNING_OBJECT(sink_, "readers that come late will not know %s", text.c_str());
+    }
+}
+
+/// A copy with the planes where the caps tell, for frames that lie otherwise; nothing for others.
+BufferHandle SinkStream::Plain(GstBuffer* buffer) {
+    const auto* const meta = video_ ? gst_buffer_get_video_meta(buffer) : nullptr;
+    if (meta == nullptr || LiesAsCapsTell(*meta, *video_)) {
+        return nullptr;
+    }
+    BufferHandle plain(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&*video_), nullptr));
+    GstVideoFrame from;
+    GstVideoFrame to;
+    if (gst_video_frame_map(&from, &*video_, buffer, GST_MAP_READ) == FALSE) {
+        return nullptr;
+    }
+    bool isCopied = false;
+    if (gst_video_frame_map(&to, &*video_, plain.get(), GST_MAP_WRITE) != FALSE) {
+        isCopied = gst_video_frame_copy(&to, &from) != FALSE;
+        gst_video_frame_unmap(&to);
+    }
+    gst_video_frame_unmap(&from);
+    ++copies_;
+    return isCopied ? std::move(plain) : nullptr;
+}
+
+GstFlowReturn SinkStream::Render(GstBuffer* buffer) {
+    StreamWriter::Outgoing outgoing;
+    outgoing.packet = PacketOf(buffer);
+    const bool isKey = outgoing.packet.header.key;
+    if (dropsUntilKeyFrame_ && !isKey) {
+        ++dropped_;
+        return GST_FLOW_OK;
+    }
+    const BufferHandle plain = Plain(buffer);
+    const MappedMemories memories(plain ? plain.get() : buffer);
+    if (!memories.IsComplete()) {
+        GST_ELEMENT_ERROR(sink_, RESOURCE, READ, ("a buffer's memory cannot be read"), (nullptr));
+        return GST_FLOW_ERROR;
+    }
+    guint64 size = 0;
+    outgoing.spans = memories.Spans();
+    for (const ByteSpan& span : outgoing.spans) {
+        size += span.size();
+    }
+    if (outgoing.spans.size() == 1) {
+        outgoing.packet.data = outgoing.spans.front();
+        outgoing.spans.clear();
+    }
+    outgoing.critical = settings_->criticalKeyFrames && isKey;
+    if (size > writer_->LargestPacket()) {
+        return Refuse(size);
+    }
+    outgoing.head = MakeFrameHead(outgoing.packet, size);
+    Describe(outgoing.head, buffer);
+    const GstFlowReturn result = Send(outgoing, settings_->waitForSpace);
+    if (result == GST_FLOW_OK) {
+        ++packets_;
+        bytes_ += size;
+        dropsUntilKeyFrame_ = false;
+    } else if (result == GST_FLOW_CUSTOM_SUCCESS) {
+        ++dropped_;
+        dropsUntilKeyFrame_ = true;
+        return GST_FLOW_OK;
+    }
+    return result;
+}
+
+/// What becomes of a buffer that the ring can never hold.
+GstFlowReturn SinkStream::Refuse(guint64 size) {
+    if (!settings_->waitForSpace) {
+        GST_WARNING_OBJECT(sink_, "dropped a buffer of %" G_GUINT64_FORMAT " bytes, too large",
+                           size);
+        ++dropped_;
+        dropsUntilKeyFrame_ = true;
+        return GST_FLOW_OK;
+    }
+    GST_ELEMENT_ERROR(sink_, RESOURCE, NO_SPACE_LEFT,
+                      ("a buffer of %" G_GUINT64_FORMAT
+                       " bytes can never fit: the ring takes %" G_GUINT64_FORMAT " at most",
+                       size, static_cast<guint64>(writer_->LargestPacket())),
+                      ("Make the ring larger with the property size."));
+    return GST_FLOW_ERROR;
+}
+
+/// @return `GST_FLOW_CUSTOM_SUCCESS` if there is no room and it may not wait
+GstFlowReturn SinkStream::Send(StreamWriter::Outgoing& outgoing, bool mayWait) {
+    writer_->Announce(outgoing);
+    while (true) {
+        const WriteOutcome outcome = writer_->TryWrite(outgoing);
+        if (outcome == WriteOutcome::Written) {
+            return GST_FLOW_OK;
+        }
+        if (outcome != WriteOutcome::Stopped) {
+            GST_ELEMENT_ERROR(sink_, RESOURCE, WRITE, ("the ring's counters are inconsistent"),
+                              (nullptr));
+            return GST_FLOW_ERROR;
+        }
+        if (!mayWait) {
+            return GST_FLOW_CUSTOM_SUCCESS;
+        }
+        if (!unlocked_) {
+            writer_->Wait();
+        } else if (const auto flow = gst_base_sink_wait_preroll(sink_); flow != GST_FLOW_OK) {
+            return flow;
+        }
+    }
+}
+
+GstFlowReturn SinkStream::End() {
+    StreamWriter::Outgoing outgoing;
+    outgoing.packet = MakeEndOfStream();
+    outgoing.critical = true;
+    outgoing.head = MakeFrameHead(outgoing.packet, 0);
+    return Send(outgoing, true);
+}
+
+GstStructure* SinkStream::Stats() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const guint64 controlDropped = writer_ ? writer_->ControlDropped() : 0;
+    return gst_structure_new(kStatsName, "packets", G_TYPE_UINT64, packets_.load(), "bytes",
+                             G_TYPE_UINT64, bytes_.load(), "dropped", G_TYPE_UINT64,
+                             dropped_.load(), "copies", G_TYPE_UINT64, copies_.load(),
+                             "control-dropped", G_TYPE_UINT64, controlDropped, nullptr);
+}
+
+}  // namespace qel

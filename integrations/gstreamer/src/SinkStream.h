@@ -1,0 +1,82 @@
+#pragma once
+
+#include <gst/base/gstbasesink.h>
+#include <gst/video/video.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "GstHandles.h"
+#include "Settings.h"
+#include "StreamWriter.h"
+
+namespace qel {
+
+/// How a sink writes, as its user has set it.
+struct SinkSettings {
+    CommonSettings common;
+    guint maxFrames = 0;
+    bool waitForSpace = true;
+    bool criticalKeyFrames = false;
+};
+
+/// What happens between a sink's pad and a ring.
+///
+/// Thread use: the streaming thread; `Start` and `Stop` while that does not run; `SetUnlocked` and
+/// the figures by any thread.
+///
+/// Invariant: after a buffer has been dropped, none is written before the next key frame: readers
+/// get no frame that refers to one they have not got.
+class SinkStream {
+public:
+    explicit SinkStream(GstBaseSink* sink) : sink_(sink) {}
+
+    /// Opens the ring.
+    /// @throws as StreamWriter; std::invalid_argument for settings that no stream can have
+    void Start(const SinkSettings& settings);
+    void Stop();
+
+    void SetCaps(const GstCaps* caps);
+
+    /// Passes on what readers have to know of an event.
+    void Tell(GstEvent* event);
+
+    /// Writes a buffer; waits for room, unless the user wants buffers dropped.
+    /// @return `GST_FLOW_ERROR` after an element error has been posted
+    GstFlowReturn Render(GstBuffer* buffer);
+
+    /// Writes the end mark; waits for room.
+    GstFlowReturn End();
+
+    /// true ends every wait at once, until false.
+    void SetUnlocked(bool unlocked);
+
+    /// The caller's.
+    [[nodiscard]] GstStructure* Stats() const;
+    [[nodiscard]] guint64 Dropped() const noexcept { return dropped_.load(); }
+
+private:
+    GstFlowReturn Send(StreamWriter::Outgoing& outgoing, bool mayWait);
+    GstFlowReturn Refuse(guint64 size);
+    [[nodiscard]] BufferHandle Plain(GstBuffer* buffer);
+    void TellText(ControlKind kind, const std::string& text, ControlHead head);
+
+    GstBaseSink* sink_;
+    const SinkSettings* settings_ = nullptr;
+
+    mutable std::mutex mutex_;  // guards writer_ against other threads
+    std::unique_ptr<StreamWriter> writer_;
+    std::atomic<bool> unlocked_{false};
+
+    std::optional<GstVideoInfo> video_;  // of raw video
+    bool dropsUntilKeyFrame_ = false;
+
+    std::atomic<guint64> packets_{0};
+    std::atomic<guint64> bytes_{0};
+    std::atomic<guint64> dropped_{0};
+    std::atomic<guint64> copies_{0};
+};
+
+}  // namespace qel

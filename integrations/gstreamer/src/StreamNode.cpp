@@ -1,0 +1,50 @@
+#include "StreamNode.h"
+
+#include "HandOnLeftovers.h"
+#include "OpenRing.h"
+#include "PopulateRing.h"
+
+namespace qel {
+namespace {
+
+SharedBufferIF::BufferInfo RingInfo(const StreamOptions& options) {
+    return {StreamNames(options.name).ring, options.size, options.node, options.sink,
+            options.maxFrames};
+}
+
+SharedBufferIF::BufferInfo ControlInfo(const StreamOptions& options) {
+    return {StreamNames(options.name).control, ControlRingSize(options.size), options.node,
+            options.sink, 0};
+}
+
+SystemSemaphore OpenSemaphore(const StreamOptions& options, unsigned node) {
+    return {StreamNames(options.name).WakeUp(node), SystemSemaphore::IfMissing::Create};
+}
+
+}  // namespace
+
+StreamNode::StreamNode(const StreamOptions& options)
+    : ring_(OpenRing(RingInfo(options))),
+      claim_(options.name, options.node),
+      control_(OpenRing(ControlInfo(options))),
+      own_(OpenSemaphore(options, options.node)),
+      next_(OpenSemaphore(options, options.sink ? 0U : options.node + 1U)),
+      wakeUp_(options.wakeUp),
+      idle_(WaitMode::Yield) {
+    PopulateRing(*ring_, options.size);
+    if (options.node > 0) {
+        recovered_ = HandOnLeftovers(*ring_, RingInfo(options));
+        (void)HandOnLeftovers(*control_, ControlInfo(options));
+        SignalNext();
+    }
+}
+
+void StreamNode::Wait() {
+    if (wakeUp_ == WakeUp::Spin) {
+        idle_.Idle();
+    } else {
+        (void)own_.TakeFor(kLongestWait);
+    }
+}
+
+}  // namespace qel

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "IdleStrategy.h"
+#include "NodeClaim.h"
+#include "SharedPacketBufferIF.h"
+#include "StreamNames.h"
+#include "SystemSemaphore.h"
+
+namespace qel {
+
+/// How an element waits for packets or for room.
+enum class WakeUp {
+    Semaphore,  ///< sleeps until the node that has something for it posts
+    Spin,       ///< looks again and again, and gives way to others in between
+};
+
+/// A stream and the element's place in it.
+struct StreamOptions {
+    std::string name;
+    std::uint64_t size;  ///< bytes of the ring
+    std::uint8_t node;
+    bool sink;
+    std::uint32_t maxFrames;  ///< packet limit, 0: none
+    WakeUp wakeUp;
+};
+
+/// One node of a stream: its rings, the claim on them and the semaphores.
+///
+/// A node is woken by a post on its semaphore, whose value never exceeds one. The post and the look
+/// at the ring are not one step, so a post may get lost, and a plain node posts nothing: no wait is
+/// longer than `kLongestWait`.
+///
+/// Thread use: `Wake` and `SignalNext` by any thread; each ring, and the waiting, by one thread at
+/// a time.
+class StreamNode {
+public:
+    static constexpr std::chrono::microseconds kLongestWait{4000};
+
+    /// Opens all, and hands on what a killed predecessor at this node has left.
+    /// @throws NodeTaken if another process or element is this node
+    /// @throws std::invalid_argument, RingError or std::runtime_error as OpenRing, and if a
+    ///         semaphore cannot be opened
+    explicit StreamNode(const StreamOptions& options);
+
+    [[nodiscard]] SharedPacketBufferIF& Ring() const noexcept { return *ring_; }
+    [[nodiscard]] SharedPacketBufferIF& Control() const noexcept { return *control_; }
+
+    /// Wakes the node that this one hands its packets to.
+    void SignalNext() const { next_.Signal(); }
+
+    /// Ends this node's own wait.
+    void Wake() const { own_.Signal(); }
+
+    /// Waits for a post, a call of `Wake` or `kLongestWait`.
+    void Wait();
+
+    /// Packets that a predecessor had read and not handed on.
+    [[nodiscard]] std::uint64_t Recovered() const noexcept { return recovered_; }
+
+private:
+    std::unique_ptr<SharedPacketBufferIF> ring_;
+    NodeClaim claim_;
+    std::unique_ptr<SharedPacketBufferIF> control_;
+    SystemSemaphore own_;
+    SystemSemaphore next_;
+    WakeUp wakeUp_;
+    IdleStrategy idle_;
+    std::uint64_t recovered_ = 0;
+};
+
+}  // namespace qel

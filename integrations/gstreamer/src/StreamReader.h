@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+
+#include "ControlQueue.h"
+#include "PacketReader.h"
+#include "StreamNode.h"
+
+namespace qel {
+
+/// A reading node whose packets may be given back by any thread, in any order.
+///
+/// Those who hold packets keep a shared pointer to it, so that the mapping and the claim on the
+/// node last until the last packet has been handed on.
+///
+/// Thread use: `HandOn`, `Wake` and the figures: any thread. All else: one thread at a time.
+///
+/// Invariant: the ring is used under `mutex_` only.
+class StreamReader {
+public:
+    /// @throws as StreamNode
+    explicit StreamReader(const StreamOptions& options)
+        : options_(options), node_(options), packets_(node_.Ring()), control_(node_.Control()) {}
+
+    /// Takes the next packet or end mark; nothing if none waits.
+    std::optional<ReceivedPacket> TryNext();
+
+    /// Gives a packet back: it goes on to the next node when all older ones have been given back.
+    /// @return false if the ring's counters are inconsistent
+    bool HandOn(InOrderRelease::Ticket ticket);
+
+    /// Waits for something to read, see StreamNode::Wait.
+    void Wait() { node_.Wait(); }
+    void Wake() const { node_.Wake(); }
+
+    /// The record that goes with a packet, and the events ahead of it.
+    ControlQueue::Match TakeControl(const Packet& packet) { return control_.Take(packet); }
+
+    /// The next event behind all packets.
+    std::optional<ControlRecord> TakeEvent();
+
+    [[nodiscard]] const StreamOptions& Options() const noexcept { return options_; }
+    [[nodiscard]] InOrderRelease::Outstanding GetOutstanding() const {
+        return packets_.GetOutstanding();
+    }
+    [[nodiscard]] std::uint64_t Fillers() const;
+    [[nodiscard]] std::uint64_t Recovered() const noexcept { return node_.Recovered(); }
+
+private:
+    StreamOptions options_;
+    StreamNode node_;
+    mutable std::mutex mutex_;
+    PacketReader packets_;
+    ControlQueue control_;
+};
+
+}  // namespace qel
