@@ -22,6 +22,18 @@ using TagListHandle = std::unique_ptr<GstTagList, GstFree>;
 using BufferHandle = std::unique_ptr<GstBuffer, GstFree>;
 using TextHandle = std::unique_ptr<gchar, GstFree>;
 
+/// Holds an object's lock.
+class ObjectLocked {
+public:
+    explicit ObjectLocked(gpointer object) : object_(object) { GST_OBJECT_LOCK(object_); }
+    ~ObjectLocked() { GST_OBJECT_UNLOCK(object_); }
+    ObjectLocked(const ObjectLocked&) = delete;
+    ObjectLocked& operator=(const ObjectLocked&) = delete;
+
+private:
+    gpointer object_;
+};
+
 [[nodiscard]] inline std::string TextOf(const GstStructure* structure) {
     return TextHandle(gst_structure_to_string(structure)).get();
 }

@@ -3,15 +3,15 @@
 
 #include <exception>
 
+#include "GstHandles.h"
 #include "SinkStream.h"
 
 using qel::SinkSettings;
 using qel::SinkStream;
 
-/// Settings change only while the element is stopped.
 struct _GstQevSink {
     GstBaseSink parent;
-    SinkSettings* settings;
+    SinkSettings* settings;  // guarded by the object's lock; those of a run are fixed at its start
     SinkStream* stream;
 };
 
@@ -35,6 +35,7 @@ GstStaticPadTemplate padTemplate =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS_ANY);
 
 void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+    const qel::ObjectLocked locked(object);
     SinkSettings& settings = *GST_QEV_SINK(object)->settings;
     if (SetCommonProperty(settings.common, id, value)) {
         return;
@@ -56,6 +57,7 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
 
 void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
     const GstQevSink* const self = GST_QEV_SINK(object);
+    const qel::ObjectLocked locked(object);
     if (GetCommonProperty(self->settings->common, id, value)) {
         return;
     }
@@ -90,7 +92,11 @@ void Finalize(GObject* object) {
 gboolean Start(GstBaseSink* sink) {
     GstQevSink* const self = GST_QEV_SINK(sink);
     try {
-        self->stream->Start(*self->settings);
+        const auto settings = [self] {
+            const qel::ObjectLocked locked(self);
+            return *self->settings;
+        };
+        self->stream->Start(settings());
         return TRUE;
     } catch (const std::exception&) {
         qel::PostOpeningError(GST_ELEMENT(sink));
@@ -209,6 +215,9 @@ static void gst_qev_sink_class_init(GstQevSinkClass* klass) {
         elementClass, "Shared-memory ring sink", "Sink",
         "Writes packets to a ring in shared memory, for a chain of processes to read in place",
         "The qev shared memory developers");
+    gst_element_class_add_static_metadata(
+        elementClass, "example",
+        "gst-launch-1.0 videotestsrc is-live=true ! video/x-raw,format=I420 ! qevsink name=camera");
 
     auto* const sinkClass = GST_BASE_SINK_CLASS(klass);
     sinkClass->start = Start;

@@ -4,15 +4,16 @@
 #include <exception>
 #include <memory>
 
+#include "GstHandles.h"
 #include "SourceStream.h"
 
 using qel::SourceSettings;
 using qel::SourceStream;
 
-/// Settings change only while the element is stopped.
 struct _GstQevSrc {
     GstPushSrc parent;
-    SourceSettings* settings;
+    SourceSettings*
+        settings;  // guarded by the object's lock; those of a run are fixed at its start
     SourceStream* stream;
 };
 
@@ -40,6 +41,7 @@ GstStaticPadTemplate padTemplate =
     GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS_ANY);
 
 void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+    const qel::ObjectLocked locked(object);
     SourceSettings& settings = *GST_QEV_SRC(object)->settings;
     if (SetCommonProperty(settings.common, id, value)) {
         return;
@@ -56,7 +58,7 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
             break;
         case kCaps: {
             const GstCaps* const caps = gst_value_get_caps(value);
-            settings.caps.reset(caps == nullptr ? nullptr : gst_caps_copy(caps));
+            settings.caps = caps == nullptr ? "" : qel::TextHandle(gst_caps_to_string(caps)).get();
             break;
         }
         case kStartAtKeyFrame:
@@ -75,6 +77,7 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
 
 void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
     const GstQevSrc* const self = GST_QEV_SRC(object);
+    const qel::ObjectLocked locked(object);
     const SourceSettings& settings = *self->settings;
     if (GetCommonProperty(settings.common, id, value)) {
         return;
@@ -93,7 +96,9 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
             g_value_set_int64(value, settings.maxOutstanding);
             break;
         case kCaps:
-            gst_value_set_caps(value, settings.caps.get());
+            g_value_take_boxed(value, settings.caps.empty()
+                                          ? nullptr
+                                          : gst_caps_from_string(settings.caps.c_str()));
             break;
         case kStartAtKeyFrame:
             g_value_set_boolean(value, settings.startAtKeyFrame ? TRUE : FALSE);
@@ -122,7 +127,11 @@ void Finalize(GObject* object) {
 gboolean Start(GstBaseSrc* source) {
     GstQevSrc* const self = GST_QEV_SRC(source);
     try {
-        self->stream->Start(*self->settings);
+        const auto settings = [self] {
+            const qel::ObjectLocked locked(self);
+            return *self->settings;
+        };
+        self->stream->Start(settings());
         return TRUE;
     } catch (const std::exception&) {
         qel::PostOpeningError(GST_ELEMENT(source));
@@ -222,6 +231,13 @@ static void gst_qev_src_class_init(GstQevSrcClass* klass) {
         elementClass, "Shared-memory ring source", "Source",
         "Reads packets in place from a ring in shared memory, as one node of a chain of processes",
         "The qev shared memory developers");
+    gst_element_class_add_static_metadata(
+        elementClass, "example",
+        "gst-launch-1.0 qevsrc name=camera sink=true ! videoconvert ! autovideosink");
+    gst_element_class_add_static_metadata(elementClass, "example-stage",
+                                          "gst-launch-1.0 qevsrc name=camera node=1 writable=true "
+                                          "! textoverlay text=stage ! fakesink "
+                                          "sync=false enable-last-sample=false");
 
     auto* const sourceClass = GST_BASE_SRC_CLASS(klass);
     sourceClass->start = Start;

@@ -35,7 +35,7 @@ Packet PacketOf(GstBuffer* buffer) {
 }  // namespace
 
 void SinkStream::Start(const SinkSettings& settings) {
-    settings_ = &settings;
+    settings_ = settings;
     const CommonSettings& common = settings.common;
     auto writer = std::make_unique<StreamWriter>(StreamOptions{
         RingNameOf(GST_OBJECT(sink_), common.ring), common.size,
@@ -162,13 +162,13 @@ GstFlowReturn SinkStream::Render(GstBuffer* buffer) {
         outgoing.packet.data = outgoing.spans.front();
         outgoing.spans.clear();
     }
-    outgoing.critical = settings_->criticalKeyFrames && isKey;
+    outgoing.critical = settings_.criticalKeyFrames && isKey;
     if (size > writer_->LargestPacket()) {
         return Refuse(size);
     }
     outgoing.head = MakeFrameHead(outgoing.packet, size);
     Describe(outgoing.head, buffer);
-    const GstFlowReturn result = Send(outgoing, settings_->waitForSpace);
+    const GstFlowReturn result = Send(outgoing, settings_.waitForSpace);
     if (result == GST_FLOW_OK) {
         ++packets_;
         bytes_ += size;
@@ -183,7 +183,7 @@ GstFlowReturn SinkStream::Render(GstBuffer* buffer) {
 
 /// What becomes of a buffer that the ring can never hold.
 GstFlowReturn SinkStream::Refuse(guint64 size) {
-    if (!settings_->waitForSpace) {
+    if (!settings_.waitForSpace) {
         GST_WARNING_OBJECT(sink_, "dropped a buffer of %" G_GUINT64_FORMAT " bytes, too large",
                            size);
         ++dropped_;

@@ -64,7 +64,7 @@ private:
     void TellText(ControlKind kind, const std::string& text, ControlHead head);
 
     GstBaseSink* sink_;
-    const SinkSettings* settings_ = nullptr;
+    SinkSettings settings_;
 
     mutable std::mutex mutex_;  // guards writer_ against other threads
     std::unique_ptr<StreamWriter> writer_;

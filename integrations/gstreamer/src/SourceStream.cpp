@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "CapsBlock.h"
+#include "GstHandles.h"
 #include "RingBuffer.h"
 #include "RingObject.h"
 #include "SegmentText.h"
@@ -23,13 +24,14 @@ void SourceStream::Start(const SourceSettings& settings) {
     const CommonSettings& common = settings.common;
     const std::string name = RingNameOf(GST_OBJECT(source_), common.ring);
     (void)StreamNames(name);
-    settings_ = &settings;
+    settings_ = settings;
     options_ = {name,          common.size, static_cast<std::uint8_t>(common.node),
                 settings.sink, 0,           common.wakeUp};
     state_ = {};
     refusedSerial_ = 0;
     soughtBlock_ = false;
     segment_.reset();
+    knowsSegment_ = false;
     awaitsKeyFrame_ = settings.startAtKeyFrame;
     isDiscont_ = true;
     for (auto* const figure : {&packets_, &bytes_, &copies_, &skipped_}) {
@@ -108,7 +110,7 @@ std::optional<GstFlowReturn> SourceStream::Deliver(const ReceivedPacket& receive
     if (received.outcome == ReadOutcome::EndOfStream) {
         (void)reader_->HandOn(received.ticket);
         isDiscont_ = true;
-        return settings_->ignoreEos ? std::nullopt : std::optional(GST_FLOW_EOS);
+        return settings_.ignoreEos ? std::nullopt : std::optional(GST_FLOW_EOS);
     }
     if (!IsWanted(received.packet, match.details)) {
         (void)reader_->HandOn(received.ticket);
@@ -122,7 +124,7 @@ std::optional<GstFlowReturn> SourceStream::Deliver(const ReceivedPacket& receive
 
 bool SourceStream::IsWanted(const Packet& packet, const std::optional<ControlHead>& details) {
     if (!KnowsCapsOf(details)) {
-        awaitsKeyFrame_ = settings_->startAtKeyFrame;
+        awaitsKeyFrame_ = settings_.startAtKeyFrame;
         return false;
     }
     awaitsKeyFrame_ = awaitsKeyFrame_ && !packet.header.key;
@@ -142,10 +144,10 @@ bool SourceStream::KnowsCapsOf(const std::optional<ControlHead>& details) {
         Adopt(std::move(*state));
         return true;
     }
-    if (settings_->caps) {
+    if (!settings_.caps.empty()) {
         StreamState given;
         given.serial = details ? details->serial : 0;
-        given.caps = TextHandle(gst_caps_to_string(settings_->caps.get())).get();
+        given.caps = settings_.caps;
         Adopt(std::move(given));
         soughtBlock_ = true;
         return true;
@@ -174,6 +176,7 @@ void SourceStream::Apply(const ControlRecord& event) {
         case ControlKind::Caps:
             state_.serial = event.head.serial;
             SetCaps(event.text);
+            SeekSegment();
             break;
         case ControlKind::Segment:
             SetSegment(event.text);
@@ -208,8 +211,21 @@ void SourceStream::SetCaps(const std::string& text) {
 }
 
 void SourceStream::SetSegment(const std::string& text) {
-    if (!text.empty()) {
-        segment_ = SegmentFromText(text);
+    if (auto segment = SegmentFromText(text)) {
+        segment_ = *segment;
+        knowsSegment_ = true;
+    }
+}
+
+/// Caps can change without a new segment. A reader that came after the segment's record finds it
+/// in the block.
+void SourceStream::SeekSegment() {
+    if (knowsSegment_) {
+        return;
+    }
+    const auto state = CapsBlock::Load(StreamNames(options_.name).caps);
+    if (state && state->serial == state_.serial) {
+        SetSegment(state->segment);
     }
 }
 
@@ -239,7 +255,7 @@ void SourceStream::SendSegmentFor(GstClockTime pts) {
     gst_segment_init(&segment, GST_FORMAT_TIME);
     segment = segment_.value_or(segment);
     segment_.reset();
-    if (settings_->alignTime && GST_CLOCK_TIME_IS_VALID(pts)) {
+    if (settings_.alignTime && GST_CLOCK_TIME_IS_VALID(pts)) {
         segment = AlignedSegment(segment, pts,
                                  gst_element_get_current_running_time(GST_ELEMENT(source_)));
     }
@@ -248,9 +264,9 @@ void SourceStream::SendSegmentFor(GstClockTime pts) {
 
 GstBuffer* SourceStream::MakeBuffer(const ReceivedPacket& received,
                                     const std::optional<ControlHead>& details) {
-    const std::uint64_t bound = settings_->maxOutstanding < 0
+    const std::uint64_t bound = settings_.maxOutstanding < 0
                                     ? reader_->Options().size / 4 * 3
-                                    : static_cast<std::uint64_t>(settings_->maxOutstanding);
+                                    : static_cast<std::uint64_t>(settings_.maxOutstanding);
     const PacketHeader header = received.packet.header;
     const std::size_t size = received.packet.data.size();
     GstBuffer* buffer = nullptr;
@@ -258,7 +274,7 @@ GstBuffer* SourceStream::MakeBuffer(const ReceivedPacket& received,
         buffer = CopyPacket(*reader_, received);
         ++copies_;
     } else {
-        buffer = WrapPacket(reader_, received, settings_->writable);
+        buffer = WrapPacket(reader_, received, settings_.writable);
     }
     Describe(buffer, header, details);
     if (std::exchange(isDiscont_, false)) {

@@ -10,7 +10,6 @@
 #include <string>
 
 #include "ControlRecord.h"
-#include "GstHandles.h"
 #include "Settings.h"
 #include "StreamReader.h"
 #include "StreamState.h"
@@ -23,7 +22,7 @@ struct SourceSettings {
     bool sink = false;
     bool writable = false;
     gint64 maxOutstanding = -1;  ///< bytes, -1: three quarters of the ring
-    CapsHandle caps;             ///< for a stream that tells none
+    std::string caps;            ///< for a stream that tells none
     bool startAtKeyFrame = true;
     bool alignTime = true;
     bool ignoreEos = false;
@@ -67,6 +66,7 @@ private:
     void Apply(const ControlRecord& event);
     void SetCaps(const std::string& text);
     void SetSegment(const std::string& text);
+    void SeekSegment();
     void SendTags(const std::string& text);
     void SendEvent(GstEvent* event);
     void SendSegmentFor(GstClockTime pts);
@@ -74,7 +74,7 @@ private:
                           const std::optional<ControlHead>& details);
 
     GstBaseSrc* source_;
-    const SourceSettings* settings_ = nullptr;
+    SourceSettings settings_;
     StreamOptions options_{};
 
     mutable std::mutex mutex_;  // guards reader_ and flushing_ against other threads
@@ -87,6 +87,7 @@ private:
     std::uint32_t refusedSerial_ = 0;    // caps that could not be found
     bool soughtBlock_ = false;           // for packets without a record
     std::optional<GstSegment> segment_;  // to be sent ahead of the next buffer
+    bool knowsSegment_ = false;
     bool awaitsKeyFrame_ = true;
     bool isDiscont_ = true;
 
