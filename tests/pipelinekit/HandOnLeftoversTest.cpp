@@ -278,11 +278,23 @@ INSTANTIATE_TEST_SUITE_P(
                (std::get<0>(damaged.param) == 1 ? "InTheSink" : "");
     });
 
+TEST(HandOnLeftovers, BytesTooFewForAHeaderAreNotTakenForARecord) {
+    LeftRing ring(10000, 2);
+    ring.Write({74, 74});
+    ring.LeaveBehind(1, 2, 0);
+    const std::uint64_t length = 49;  // of the second record, which leaves 25 bytes
+    const std::uint64_t minusOne = ~std::uint64_t{0};  // with its header, just these
+    std::memcpy(ring.Data() + 100, &length, sizeof length);
+    std::memcpy(ring.Data() + 175, &minusOne, sizeof minusOne);
+    EXPECT_EQ(ring.HandOnText(1), "ring " + ring.Name() + ": what node 1 left behind is damaged");
+}
+
 TEST(HandOnLeftovers, CountersThatContradictEachOtherAreRefused) {
     LeftRing ring(10000, 2);
     ring.Write({100, 20});
     ring.LeaveBehind(1, 2, 0);
-    for (const std::uint64_t counter : {std::uint64_t{9999}, ~std::uint64_t{0}}) {
+    for (const std::uint64_t counter :
+         {std::uint64_t{9999}, std::uint64_t{10000}, ~std::uint64_t{0}}) {
         ring.Control().avail[2] = counter;
         const auto before = ring.Avail();
         EXPECT_EQ(ring.HandOnText(1),

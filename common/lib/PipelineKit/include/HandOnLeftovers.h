@@ -15,10 +15,16 @@ namespace qel {
 /// NodeClaim. The neighbour that gets the packets may be at work meanwhile, its counters are looked
 /// at several times over some milliseconds.
 ///
-/// What cannot be put right from here: a ring whose bytes were all held by this node looks like one
-/// of which it held none, and is left alone. A writer that is killed in the few instructions
-/// between its counters' changes may leave a ring that nobody can continue. A neighbour that is
-/// stopped in the same few instructions all the while looks like one that was killed there.
+/// A next node that was killed in the few instructions between its two counters' changes is put
+/// right by this as well: the record that it was taking is delivered again.
+///
+/// What cannot be put right from here:
+///  - a ring whose bytes were all held by this node looks like one of which it held none, and is
+///    left alone;
+///  - a packet that this node was killed in taking, in the same few instructions, is no longer
+///    counted for it; only the node before it, if that reads, puts that right in its turn;
+///  - a writer that is killed in such a moment may leave a ring that nobody can continue;
+///  - a neighbour that is merely stopped in such a moment, all the while, looks like a killed one.
 ///
 /// @param ring  opened for `info`
 /// @param info  the ring's description; its node is not 0, which writes and reads nothing

@@ -109,7 +109,8 @@ bool SystemSemaphore::Take(const std::optional<Deadline>& deadline,
 
 bool SystemSemaphore::TakeFor(std::chrono::microseconds limit) const {
     constexpr std::chrono::microseconds kLongest = std::chrono::hours(24);  // no sum overflows
-    const auto until = TimeSpecOf(std::chrono::steady_clock::now() + std::min(limit, kLongest));
+    const auto until = TimeSpecOf(std::chrono::steady_clock::now() +
+                                  std::clamp(limit, std::chrono::microseconds(0), kLongest));
     if (sem_clockwait(semaphore_, CLOCK_MONOTONIC, &until) != 0) {
         if (errno != ETIMEDOUT && errno != EINTR) {
             Fail("take from", errno);
