@@ -42,8 +42,13 @@ StreamNode::StreamNode(const StreamOptions& options)
 void StreamNode::Wait() {
     if (wakeUp_ == WakeUp::Spin) {
         idle_.Idle();
-    } else {
-        (void)own_.TakeFor(kLongestWait);
+        return;
+    }
+    const bool isIdle = vainWaits_ >= kWaitsUntilIdle;
+    if (own_.TakeFor(isIdle ? kLongestIdleWait : kLongestWait)) {
+        vainWaits_ = 0;
+    } else if (!isIdle) {
+        ++vainWaits_;
     }
 }
 

@@ -32,13 +32,16 @@ struct StreamOptions {
 ///
 /// A node is woken by a post on its semaphore, whose value never exceeds one. The post and the look
 /// at the ring are not one step, so a post may get lost, and a plain node posts nothing: no wait is
-/// longer than `kLongestWait`.
+/// longer than `kLongestWait`, and after `kWaitsUntilIdle` in vain than `kLongestIdleWait`, which
+/// keeps an idle stream from costing anything.
 ///
 /// Thread use: `Wake` and `SignalNext` by any thread; each ring, and the waiting, by one thread at
 /// a time.
 class StreamNode {
 public:
     static constexpr std::chrono::microseconds kLongestWait{4000};
+    static constexpr std::chrono::microseconds kLongestIdleWait{10000};
+    static constexpr unsigned kWaitsUntilIdle = 250;
 
     /// Opens all, and hands on what a killed predecessor at this node has left.
     /// @throws NodeTaken if another process or element is this node
@@ -55,8 +58,11 @@ public:
     /// Ends this node's own wait.
     void Wake() const { own_.Signal(); }
 
-    /// Waits for a post, a call of `Wake` or `kLongestWait`.
+    /// Waits for a post or a call of `Wake`, no longer than said above.
     void Wait();
+
+    /// To be called when there was something, so that the next waits are short.
+    void WorkDone() noexcept { vainWaits_ = 0; }
 
     /// Packets that a predecessor had read and not handed on.
     [[nodiscard]] std::uint64_t Recovered() const noexcept { return recovered_; }
@@ -69,6 +75,7 @@ private:
     SystemSemaphore next_;
     WakeUp wakeUp_;
     IdleStrategy idle_;
+    unsigned vainWaits_ = 0;
     std::uint64_t recovered_ = 0;
 };
 

@@ -4,7 +4,11 @@ namespace qel {
 
 std::optional<ReceivedPacket> StreamReader::TryNext() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return packets_.TryNext();
+    auto received = packets_.TryNext();
+    if (received) {
+        node_.WorkDone();
+    }
+    return received;
 }
 
 bool StreamReader::HandOn(InOrderRelease::Ticket ticket) {

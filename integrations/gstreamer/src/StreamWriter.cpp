@@ -47,6 +47,7 @@ WriteOutcome StreamWriter::TryWrite(const Outgoing& outgoing) {
         outcome = packets_.Write(outgoing.packet);
     }
     if (outcome == WriteOutcome::Written) {
+        node_.WorkDone();
         node_.SignalNext();
     }
     return outcome;
