@@ -16,7 +16,8 @@ enum class ControlKind : std::uint8_t {
     EndOfStream,  ///< of the end mark that follows on the ring
     Caps,         ///< text: the caps of all frames from here on
     Segment,      ///< text: their segment
-    Tags,         ///< text: tags
+    Tags,         ///< text: tags of the stream
+    GlobalTags,   ///< text: tags of all that it belongs to
     Gap,          ///< no data between pts and pts + duration
     Custom,       ///< text: a custom event's structure
 };

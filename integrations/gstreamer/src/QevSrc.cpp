@@ -256,4 +256,6 @@ static void gst_qev_src_init(GstQevSrc* self) {
     self->stream = new SourceStream(GST_BASE_SRC(self));
     gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
     gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
+    // The end is where the writer says: frames in coding order run past the segment's end and back.
+    gst_base_src_set_automatic_eos(GST_BASE_SRC(self), FALSE);
 }

@@ -87,8 +87,10 @@ void SinkStream::Tell(GstEvent* event) {
         case GST_EVENT_TAG: {
             GstTagList* tags = nullptr;
             gst_event_parse_tag(event, &tags);
-            TellText(ControlKind::Tags, TextHandle(gst_tag_list_to_string(tags)).get(),
-                     MakeEventHead(ControlKind::Tags));
+            const auto kind = gst_tag_list_get_scope(tags) == GST_TAG_SCOPE_GLOBAL
+                                  ? ControlKind::GlobalTags
+                                  : ControlKind::Tags;
+            TellText(kind, TextHandle(gst_tag_list_to_string(tags)).get(), MakeEventHead(kind));
             break;
         }
         case GST_EVENT_GAP: {

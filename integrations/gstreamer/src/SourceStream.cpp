@@ -167,7 +167,8 @@ bool SourceStream::KnowsCapsOf(const std::optional<ControlHead>& details) {
 void SourceStream::Adopt(StreamState state) {
     SetCaps(state.caps);
     SetSegment(state.segment);
-    SendTags(state.tags);
+    SendTags(state.tags, GST_TAG_SCOPE_STREAM);
+    SendTags(state.globalTags, GST_TAG_SCOPE_GLOBAL);
     state_ = std::move(state);
 }
 
@@ -182,7 +183,10 @@ void SourceStream::Apply(const ControlRecord& event) {
             SetSegment(event.text);
             break;
         case ControlKind::Tags:
-            SendTags(event.text);
+            SendTags(event.text, GST_TAG_SCOPE_STREAM);
+            break;
+        case ControlKind::GlobalTags:
+            SendTags(event.text, GST_TAG_SCOPE_GLOBAL);
             break;
         case ControlKind::Gap:
             SendEvent(
@@ -229,8 +233,9 @@ void SourceStream::SeekSegment() {
     }
 }
 
-void SourceStream::SendTags(const std::string& text) {
+void SourceStream::SendTags(const std::string& text, GstTagScope scope) {
     if (auto* const tags = gst_tag_list_new_from_string(text.c_str()); tags != nullptr) {
+        gst_tag_list_set_scope(tags, scope);
         // The method itself: gst_element_send_event waits for state changes, which wait for us.
         GstElement* const element = GST_ELEMENT(source_);
         (void)GST_ELEMENT_GET_CLASS(element)->send_event(element, gst_event_new_tag(tags));

@@ -67,7 +67,7 @@ private:
     void SetCaps(const std::string& text);
     void SetSegment(const std::string& text);
     void SeekSegment();
-    void SendTags(const std::string& text);
+    void SendTags(const std::string& text, GstTagScope scope);
     void SendEvent(GstEvent* event);
     void SendSegmentFor(GstClockTime pts);
     GstBuffer* MakeBuffer(const ReceivedPacket& received,

@@ -10,6 +10,7 @@ constexpr std::string_view kSerial = "serial ";
 constexpr std::string_view kCaps = "caps ";
 constexpr std::string_view kSegment = "segment ";
 constexpr std::string_view kTags = "tags ";
+constexpr std::string_view kGlobalTags = "global-tags ";
 
 /// Gives what stands behind `name` on the line, if it is that line.
 bool Read(std::string_view line, std::string_view name, std::string& value) {
@@ -35,6 +36,7 @@ std::string ToText(const StreamState& state) {
     Write(text, kCaps, state.caps);
     Write(text, kSegment, state.segment);
     Write(text, kTags, state.tags);
+    Write(text, kGlobalTags, state.globalTags);
     return text;
 }
 
@@ -46,7 +48,8 @@ std::optional<StreamState> StreamStateFromText(std::string_view text) {
         const std::size_t end = std::min(text.find('\n'), text.size());
         const std::string_view line = text.substr(0, end);
         (void)(Read(line, kSerial, serial) || Read(line, kCaps, state.caps) ||
-               Read(line, kSegment, state.segment) || Read(line, kTags, state.tags));
+               Read(line, kSegment, state.segment) || Read(line, kTags, state.tags) ||
+               Read(line, kGlobalTags, state.globalTags));
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     (void)std::from_chars(serial.data(), serial.data() + serial.size(), state.serial);

@@ -15,6 +15,7 @@ struct StreamState {
     std::string caps;
     std::string segment;
     std::string tags;
+    std::string globalTags;
 };
 
 /// One line for each field: its name, a blank, the text.

@@ -62,6 +62,8 @@ bool StreamWriter::Tell(ControlKind kind, const std::string& text, ControlHead h
         state_.segment = text;
     } else if (kind == ControlKind::Tags) {
         state_.tags = text;
+    } else if (kind == ControlKind::GlobalTags) {
+        state_.globalTags = text;
     }
     if (kind != ControlKind::Gap && kind != ControlKind::Custom) {
         isStored = block_.Store(state_);
