@@ -1,6 +1,14 @@
 #include "CaptureTime.h"
 
 namespace qel {
+namespace {
+
+/// ns since 1970, 0 if the header does not say.
+GstClockTime CaptureTimeOf(const PacketHeader& header) {
+    return header.timestampSec * GST_SECOND + header.timestampUsec * GST_USECOND;
+}
+
+}  // namespace
 
 GstCaps* CaptureTimeCaps() {
     static GstStaticCaps caps = GST_STATIC_CAPS("timestamp/x-unix");
@@ -21,11 +29,18 @@ void SetCaptureTime(PacketHeader& header, GstBuffer* buffer) {
 }
 
 void AddCaptureTime(GstBuffer* buffer, const PacketHeader& header) {
-    if (header.timestampSec == 0 && header.timestampUsec == 0) {
+    const GstClockTime time = CaptureTimeOf(header);
+    if (time == 0) {
         return;
     }
-    const GstClockTime time = header.timestampSec * GST_SECOND + header.timestampUsec * GST_USECOND;
     gst_buffer_add_reference_timestamp_meta(buffer, CaptureTimeCaps(), time, GST_CLOCK_TIME_NONE);
+}
+
+GstClockTimeDiff AgeOf(const PacketHeader& header) {
+    constexpr GstClockTimeDiff kOldest = 3600 * static_cast<GstClockTimeDiff>(GST_SECOND);
+    const auto captured = static_cast<GstClockTimeDiff>(CaptureTimeOf(header));
+    const auto age = g_get_real_time() * static_cast<GstClockTimeDiff>(GST_USECOND) - captured;
+    return age < 0 || age > kOldest ? 0 : age;
 }
 
 }  // namespace qel

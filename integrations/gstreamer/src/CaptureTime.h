@@ -17,4 +17,7 @@ void SetCaptureTime(PacketHeader& header, GstBuffer* buffer);
 /// Adds the capture time to a buffer made from a packet; not for headers without one.
 void AddCaptureTime(GstBuffer* buffer, const PacketHeader& header);
 
+/// How long ago a packet was captured; 0 if its header does not say, or says what cannot be.
+[[nodiscard]] GstClockTimeDiff AgeOf(const PacketHeader& header);
+
 }  // namespace qel

@@ -205,8 +205,8 @@ void InstallProperties(GObjectClass* objectClass) {
     flag(kStartAtKeyFrame, "start-at-key-frame", "Start at a key frame",
          "Hand packets on unseen until the first key frame", true);
     flag(kAlignTime, "align-time", "Align time",
-         "Give the first buffer the running time of its arrival, by way of the segment; time "
-         "stamps stay as they were sent",
+         "Give the first buffer the running time at which it was captured, by way of the segment; "
+         "time stamps stay as they were sent",
          true);
     flag(kIgnoreEos, "ignore-eos", "Ignore end of stream",
          "Stay at the end of a stream and deliver the next writer's", false);

@@ -39,13 +39,13 @@ std::optional<GstSegment> SegmentFromText(const std::string& text) {
     return isSound ? std::optional(segment) : std::nullopt;
 }
 
-GstSegment AlignedSegment(GstSegment segment, GstClockTime pts, GstClockTime now) {
+GstSegment AlignedSegment(GstSegment segment, GstClockTime pts, GstClockTimeDiff wanted) {
     guint64 running = 0;
     const gint sign = gst_segment_to_running_time_full(&segment, GST_FORMAT_TIME, pts, &running);
-    if (sign == 0 || !GST_CLOCK_TIME_IS_VALID(now)) {
+    if (sign == 0) {
         return segment;
     }
-    const auto delta = static_cast<gint64>(now) - sign * static_cast<gint64>(running);
+    const GstClockTimeDiff delta = wanted - sign * static_cast<GstClockTimeDiff>(running);
     if (delta >= 0) {
         segment.base += static_cast<guint64>(delta);
     } else {

@@ -14,8 +14,9 @@ namespace qel {
 /// @return nothing if it is none, or one that no stream can have
 [[nodiscard]] std::optional<GstSegment> SegmentFromText(const std::string& text);
 
-/// The segment moved so that a buffer of time stamp `pts` has the running time `now`. Time stamps
-/// and stream time stay.
-[[nodiscard]] GstSegment AlignedSegment(GstSegment segment, GstClockTime pts, GstClockTime now);
+/// The segment moved so that a buffer of time stamp `pts` has the running time `wanted`, which may
+/// be negative. Time stamps and stream time stay.
+[[nodiscard]] GstSegment AlignedSegment(GstSegment segment, GstClockTime pts,
+                                        GstClockTimeDiff wanted);
 
 }  // namespace qel

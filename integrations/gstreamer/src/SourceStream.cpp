@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "CapsBlock.h"
+#include "CaptureTime.h"
 #include "GstHandles.h"
 #include "RingBuffer.h"
 #include "RingObject.h"
@@ -251,7 +252,7 @@ void SourceStream::SendEvent(GstEvent* event) {
     (void)gst_pad_push_event(GST_BASE_SRC_PAD(source_), event);
 }
 
-void SourceStream::SendSegmentFor(GstClockTime pts) {
+void SourceStream::SendSegmentFor(const PacketHeader& header, GstClockTime pts) {
     const bool isFirst = packets_.load() == 0;
     if (!segment_ && !isFirst) {
         return;
@@ -260,9 +261,9 @@ void SourceStream::SendSegmentFor(GstClockTime pts) {
     gst_segment_init(&segment, GST_FORMAT_TIME);
     segment = segment_.value_or(segment);
     segment_.reset();
-    if (settings_.alignTime && GST_CLOCK_TIME_IS_VALID(pts)) {
-        segment = AlignedSegment(segment, pts,
-                                 gst_element_get_current_running_time(GST_ELEMENT(source_)));
+    const GstClockTime now = gst_element_get_current_running_time(GST_ELEMENT(source_));
+    if (settings_.alignTime && GST_CLOCK_TIME_IS_VALID(pts) && GST_CLOCK_TIME_IS_VALID(now)) {
+        segment = AlignedSegment(segment, pts, static_cast<GstClockTimeDiff>(now) - AgeOf(header));
     }
     (void)gst_base_src_new_segment(source_, &segment);
 }
@@ -285,7 +286,7 @@ GstBuffer* SourceStream::MakeBuffer(const ReceivedPacket& received,
     if (std::exchange(isDiscont_, false)) {
         GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
     }
-    SendSegmentFor(GST_BUFFER_PTS(buffer));
+    SendSegmentFor(header, GST_BUFFER_PTS(buffer));
     ++packets_;
     bytes_ += size;
     return buffer;

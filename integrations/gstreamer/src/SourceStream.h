@@ -69,7 +69,7 @@ private:
     void SeekSegment();
     void SendTags(const std::string& text, GstTagScope scope);
     void SendEvent(GstEvent* event);
-    void SendSegmentFor(GstClockTime pts);
+    void SendSegmentFor(const PacketHeader& header, GstClockTime pts);
     GstBuffer* MakeBuffer(const ReceivedPacket& received,
                           const std::optional<ControlHead>& details);
 
