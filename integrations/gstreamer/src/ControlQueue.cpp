@@ -55,8 +55,7 @@ ControlQueue::Match ControlQueue::Take(const Packet& packet) {
 }
 
 std::optional<ControlRecord> ControlQueue::TakeEvent() {
-    if (records_.empty() && !Pull()) {
-        return std::nullopt;
+    while (records_.empty() && Pull()) {
     }
     if (records_.empty() || records_.front().IsOfPacket()) {
         return std::nullopt;

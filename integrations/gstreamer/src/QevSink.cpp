@@ -239,4 +239,6 @@ static void gst_qev_sink_init(GstQevSink* self) {
     // A transport passes on what comes; readers that show it keep the time.
     gst_base_sink_set_sync(GST_BASE_SINK(self), FALSE);
     gst_base_sink_set_last_sample_enabled(GST_BASE_SINK(self), FALSE);
+    // Frames outside the segment are not shown, but others may refer to them.
+    gst_base_sink_set_drop_out_of_segment(GST_BASE_SINK(self), FALSE);
 }

@@ -24,9 +24,8 @@ bool LiesAsCapsTell(const GstVideoMeta& meta, const GstVideoInfo& info) {
 
 Packet PacketOf(GstBuffer* buffer) {
     Packet packet;
-    packet.header.pts = GST_BUFFER_PTS_IS_VALID(buffer)
-                            ? static_cast<std::int64_t>(GST_BUFFER_PTS(buffer))
-                            : kNoPts;
+    const GstClockTime pts = GST_BUFFER_PTS(buffer);
+    packet.header.pts = pts <= G_MAXINT64 ? static_cast<std::int64_t>(pts) : kNoPts;
     packet.header.key = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT) == FALSE;
     SetCaptureTime(packet.header, buffer);
     return packet;

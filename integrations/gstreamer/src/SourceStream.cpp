@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "CapsBlock.h"
@@ -235,6 +236,10 @@ void SourceStream::SeekSegment() {
 }
 
 void SourceStream::SendTags(const std::string& text, GstTagScope scope) {
+    constexpr std::string_view kBeginning = "taglist";  // which the parser insists on
+    if (text.compare(0, kBeginning.size(), kBeginning) != 0) {
+        return;
+    }
     if (auto* const tags = gst_tag_list_new_from_string(text.c_str()); tags != nullptr) {
         gst_tag_list_set_scope(tags, scope);
         // The method itself: gst_element_send_event waits for state changes, which wait for us.

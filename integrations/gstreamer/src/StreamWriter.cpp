@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <random>
+#include <utility>
 
 #include "RingRules.h"
 
@@ -54,19 +55,22 @@ WriteOutcome StreamWriter::TryWrite(const Outgoing& outgoing) {
 }
 
 bool StreamWriter::Tell(ControlKind kind, const std::string& text, ControlHead head) {
-    bool isStored = true;
+    StreamState state = state_;
     if (kind == ControlKind::Caps) {
-        state_.serial = NextSerial(state_.serial);
-        state_.caps = text;
+        state.serial = NextSerial(state.serial);
+        state.caps = text;
     } else if (kind == ControlKind::Segment) {
-        state_.segment = text;
+        state.segment = text;
     } else if (kind == ControlKind::Tags) {
-        state_.tags = text;
+        state.tags = text;
     } else if (kind == ControlKind::GlobalTags) {
-        state_.globalTags = text;
+        state.globalTags = text;
     }
-    if (kind != ControlKind::Gap && kind != ControlKind::Custom) {
-        isStored = block_.Store(state_);
+    const bool isOfState = kind != ControlKind::Gap && kind != ControlKind::Custom;
+    const bool isStored = !isOfState || block_.Store(state);
+    const bool isTags = kind == ControlKind::Tags || kind == ControlKind::GlobalTags;
+    if (isStored || !isTags) {  // tags that are too large would keep later caps out
+        state_ = std::move(state);
     }
     head.serial = state_.serial;
     WriteControl(head, text);
