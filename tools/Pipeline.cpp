@@ -1,7 +1,6 @@
 #include "Pipeline.h"
 
 #include <fmt/format.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 
 #include <algorithm>
@@ -10,12 +9,12 @@
 #include <csignal>
 #include <cstdio>
 #include <memory>
-#include <new>
 #include <optional>
 #include <stdexcept>
 #include <vector>
 
 #include "Files.h"
+#include "ForkShared.h"
 #include "NodeChain.h"
 #include "OpenRing.h"
 #include "Progress.h"
@@ -34,29 +33,6 @@ constexpr std::size_t kMostNodes = 5;
 struct Board {
     std::array<StageCounters, kMostNodes> nodes;
     std::atomic<bool> stopCutting{false};
-};
-
-/// A board in memory that forked processes share.
-class SharedBoard {
-public:
-    SharedBoard()
-        : memory_(mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                       -1, 0)) {
-        if (memory_ == MAP_FAILED) {
-            throw RingError("cannot map the counters", errno);
-        }
-        board_ = new (memory_) Board;
-    }
-    ~SharedBoard() { (void)munmap(memory_, sizeof(Board)); }
-    SharedBoard(const SharedBoard&) = delete;
-    SharedBoard& operator=(const SharedBoard&) = delete;
-
-    Board* operator->() const noexcept { return board_; }
-    Board& operator*() const noexcept { return *board_; }
-
-private:
-    void* memory_;
-    Board* board_ = nullptr;
 };
 
 /// One run of a pipeline, from the checked arguments on.
@@ -87,7 +63,7 @@ private:
     const PipelineOptions& options_;
     InputFile input_;
     OutputFile output_;
-    SharedBoard board_;
+    ForkShared<Board> board_;
     std::string error_;    // why the run failed, from the first node that did
     bool killed_ = false;  // the nodes were, by this process
     bool gaveUp_ = false;  // at the user's second request
