@@ -54,6 +54,17 @@ ControlQueue::Match ControlQueue::Take(const Packet& packet) {
     return match;
 }
 
+std::optional<StreamState> ControlQueue::FindState(std::uint32_t serial) {
+    while (Pull()) {
+    }
+    for (const ControlRecord& record : records_) {
+        if (record.head.kind == ControlKind::State && record.head.serial == serial) {
+            return StreamStateFromText(record.text);
+        }
+    }
+    return std::nullopt;
+}
+
 std::optional<ControlRecord> ControlQueue::TakeEvent() {
     while (records_.empty() && Pull()) {
     }

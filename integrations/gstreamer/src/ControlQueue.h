@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <vector>
 
 #include "ControlRecord.h"
 #include "SharedPacketBufferIF.h"
+#include "StreamState.h"
 
 namespace qel {
 
@@ -33,6 +35,9 @@ public:
 
     /// Takes the record of a packet just read from the ring.
     Match Take(const Packet& packet);
+
+    /// Looks for the state whose caps have `serial` among the records that wait.
+    [[nodiscard]] std::optional<StreamState> FindState(std::uint32_t serial);
 
     /// Takes the next event, if it stands behind all packets: to be asked when none waits.
     std::optional<ControlRecord> TakeEvent();

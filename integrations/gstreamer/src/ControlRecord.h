@@ -20,8 +20,9 @@ enum class ControlKind : std::uint8_t {
     GlobalTags,   ///< text: tags of all that it belongs to
     Gap,          ///< no data between pts and pts + duration
     Custom,       ///< text: a custom event's structure
+    State,        ///< text: a StreamState, for readers that have missed what it is made of
 };
-inline constexpr auto kLastControlKind = ControlKind::Custom;
+inline constexpr auto kLastControlKind = ControlKind::State;
 
 /// Head of a record on the control ring; text may follow it to the record's end.
 ///

@@ -170,6 +170,15 @@ GstFlowReturn Create(GstPushSrc* source, GstBuffer** buffer) {
     }
 }
 
+/// The ring is a queue: it holds what a sink that keeps the time does not want yet.
+gboolean AnswerQuery(GstBaseSrc* source, GstQuery* query) {
+    if (GST_QUERY_TYPE(query) == GST_QUERY_LATENCY) {
+        gst_query_set_latency(query, TRUE, 0, GST_CLOCK_TIME_NONE);
+        return TRUE;
+    }
+    return GST_BASE_SRC_CLASS(gst_qev_src_parent_class)->query(source, query);
+}
+
 gboolean IsSeekable(GstBaseSrc* /*source*/) {
     return FALSE;
 }
@@ -245,6 +254,7 @@ static void gst_qev_src_class_init(GstQevSrcClass* klass) {
     sourceClass->unlock = Unlock;
     sourceClass->unlock_stop = UnlockStop;
     sourceClass->is_seekable = IsSeekable;
+    sourceClass->query = AnswerQuery;
     GST_PUSH_SRC_CLASS(klass)->create = Create;
     gst_type_mark_as_plugin_api(qel::WakeUpType(), GstPluginAPIFlags(0));
 }

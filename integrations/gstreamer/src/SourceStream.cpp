@@ -142,6 +142,9 @@ bool SourceStream::KnowsCapsOf(const std::optional<ControlHead>& details) {
         return false;
     }
     auto state = CapsBlock::Load(StreamNames(options_.name).caps);
+    if (details && (!state || state->serial != details->serial)) {
+        state = reader_->FindState(details->serial);
+    }
     if (state && (!details || state->serial == details->serial)) {
         Adopt(std::move(*state));
         return true;
@@ -197,6 +200,12 @@ void SourceStream::Apply(const ControlRecord& event) {
         case ControlKind::Custom:
             if (auto* const fields = gst_structure_from_string(event.text.c_str(), nullptr)) {
                 SendEvent(gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, fields));
+            }
+            break;
+        case ControlKind::State:
+            if (auto state = StreamStateFromText(event.text);
+                state && state->serial != state_.serial) {
+                Adopt(std::move(*state));
             }
             break;
         case ControlKind::Frame:

@@ -44,12 +44,21 @@ void StreamNode::Wait() {
         idle_.Idle();
         return;
     }
-    const bool isIdle = vainWaits_ >= kWaitsUntilIdle;
-    if (own_.TakeFor(isIdle ? kLongestIdleWait : kLongestWait)) {
-        vainWaits_ = 0;
-    } else if (!isIdle) {
+    const bool isQuiet = neighbourPosts_ || vainWaits_ >= kWaitsUntilQuiet;
+    timedOut_ = !own_.TakeFor(isQuiet ? kLongestQuietWait : kLongestWait);
+    if (!timedOut_) {
+        neighbourPosts_ = true;
+    } else if (vainWaits_ < kWaitsUntilQuiet) {
         ++vainWaits_;
     }
+}
+
+void StreamNode::WorkDone() noexcept {
+    if (timedOut_) {  // it came without a post
+        neighbourPosts_ = false;
+    }
+    timedOut_ = false;
+    vainWaits_ = 0;
 }
 
 }  // namespace qel

@@ -30,18 +30,19 @@ struct StreamOptions {
 
 /// One node of a stream: its rings, the claim on them and the semaphores.
 ///
-/// A node is woken by a post on its semaphore, whose value never exceeds one. The post and the look
-/// at the ring are not one step, so a post may get lost, and a plain node posts nothing: no wait is
-/// longer than `kLongestWait`, and after `kWaitsUntilIdle` in vain than `kLongestIdleWait`, which
-/// keeps an idle stream from costing anything.
+/// A node is woken by a post on its semaphore, whose value never exceeds one. A neighbour can die
+/// between its hand-over and its post, and a plain one posts nothing, so every wait is bounded: by
+/// `kLongestWait` next to a neighbour that is not known to post, by `kLongestQuietWait` next to one
+/// that does, or when nothing has come for `kWaitsUntilQuiet` waits. Each look costs CPU: a stream
+/// that is idle or slow should cost next to nothing.
 ///
 /// Thread use: `Wake` and `SignalNext` by any thread; each ring, and the waiting, by one thread at
 /// a time.
 class StreamNode {
 public:
     static constexpr std::chrono::microseconds kLongestWait{4000};
-    static constexpr std::chrono::microseconds kLongestIdleWait{10000};
-    static constexpr unsigned kWaitsUntilIdle = 250;
+    static constexpr std::chrono::microseconds kLongestQuietWait{10000};
+    static constexpr unsigned kWaitsUntilQuiet = 250;
 
     /// Opens all, and hands on what a killed predecessor at this node has left.
     /// @throws NodeTaken if another process or element is this node
@@ -61,8 +62,8 @@ public:
     /// Waits for a post or a call of `Wake`, no longer than said above.
     void Wait();
 
-    /// To be called when there was something, so that the next waits are short.
-    void WorkDone() noexcept { vainWaits_ = 0; }
+    /// To be called when there was something.
+    void WorkDone() noexcept;
 
     /// Packets that a predecessor had read and not handed on.
     [[nodiscard]] std::uint64_t Recovered() const noexcept { return recovered_; }
@@ -75,6 +76,8 @@ private:
     SystemSemaphore next_;
     WakeUp wakeUp_;
     IdleStrategy idle_;
+    bool neighbourPosts_ = false;
+    bool timedOut_ = false;  // the last wait
     unsigned vainWaits_ = 0;
     std::uint64_t recovered_ = 0;
 };

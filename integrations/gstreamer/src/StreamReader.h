@@ -39,6 +39,11 @@ public:
     /// The record that goes with a packet, and the events ahead of it.
     ControlQueue::Match TakeControl(const Packet& packet) { return control_.Take(packet); }
 
+    /// The state that a packet was written in, from records that wait behind it.
+    std::optional<StreamState> FindState(std::uint32_t serial) {
+        return control_.FindState(serial);
+    }
+
     /// The next event behind all packets.
     std::optional<ControlRecord> TakeEvent();
 

@@ -4,6 +4,7 @@
 #include <random>
 #include <utility>
 
+#include "EndOfStream.h"
 #include "RingRules.h"
 
 namespace qel {
@@ -34,8 +35,21 @@ StreamWriter::StreamWriter(const StreamOptions& options)
 }
 
 void StreamWriter::Announce(Outgoing& outgoing) {
+    RepeatState(outgoing.packet);
     outgoing.head.serial = state_.serial;
     WriteControl(outgoing.head, {});
+}
+
+void StreamWriter::RepeatState(const Packet& packet) {
+    const auto now = std::chrono::steady_clock::now();
+    const bool isDue = packet.header.key && now - repeated_ >= kBetweenStates;
+    if (state_.caps.empty() || !(isDue || IsEndOfStream(packet))) {
+        return;
+    }
+    repeated_ = now;
+    ControlHead head = MakeEventHead(ControlKind::State);
+    head.serial = state_.serial;
+    WriteControl(head, ToText(state_));
 }
 
 WriteOutcome StreamWriter::TryWrite(const Outgoing& outgoing) {

@@ -22,6 +22,7 @@ namespace qel {
 class StreamWriter {
 public:
     static constexpr std::chrono::milliseconds kControlPatience{100};
+    static constexpr std::chrono::seconds kBetweenStates{1};
 
     /// @throws as StreamNode and CapsBlock
     explicit StreamWriter(const StreamOptions& options);
@@ -34,7 +35,9 @@ public:
         ControlHead head;
     };
 
-    /// Puts the packet's record on the control ring: ahead of the first `TryWrite`.
+    /// Puts the packet's record on the control ring: ahead of the first `TryWrite`. Now and then,
+    /// and with the end mark, the state goes ahead of it: a reader started when this writer has
+    /// gone finds it there.
     void Announce(Outgoing& outgoing);
 
     /// Tries once to write a packet.
@@ -56,6 +59,7 @@ public:
     [[nodiscard]] std::uint64_t LargestPacket() const noexcept;
 
 private:
+    void RepeatState(const Packet& packet);
     void WriteControl(ControlHead& head, const std::string& text);
 
     StreamOptions options_;
@@ -64,6 +68,7 @@ private:
     PacketWriter control_;
     CapsBlock block_;
     StreamState state_;
+    std::chrono::steady_clock::time_point repeated_{};
     std::atomic<std::uint64_t> controlDropped_{0};
     bool controlIsFull_ = false;
 };
