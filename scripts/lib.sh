@@ -3,6 +3,7 @@
 
 set -euo pipefail
 
+this_script=$(realpath -- "$0")
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck disable=SC2034  # for scripts that take files from their caller
 caller_directory=$PWD
@@ -34,7 +35,7 @@ die() {
 usage_if_asked() {
     case " $* " in
         *" --help "* | *" -h "*)
-            sed -n '2,/^$/s/^# \{0,1\}//p' "$0"
+            sed -n '2,/^$/s/^# \{0,1\}//p' "$this_script"
             exit 0
             ;;
     esac
