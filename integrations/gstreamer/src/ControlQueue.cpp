@@ -5,12 +5,16 @@
 namespace qel {
 namespace {
 
+/// Many frames have no time stamp and the same size; their capture times tell them apart.
 bool Belong(const ControlRecord& record, const Packet& packet) {
+    const ControlHead& head = record.head;
     if (IsEndOfStream(packet)) {
-        return record.head.kind == ControlKind::EndOfStream;
+        return head.kind == ControlKind::EndOfStream;
     }
-    return record.head.kind == ControlKind::Frame && record.head.pts == packet.header.pts &&
-           record.head.control.dataSize == packet.data.size();
+    return head.kind == ControlKind::Frame && head.pts == packet.header.pts &&
+           head.control.dataSize == packet.data.size() &&
+           head.control.timeStamp == packet.header.timestampSec &&
+           head.control.startTick == packet.header.timestampUsec;
 }
 
 }  // namespace

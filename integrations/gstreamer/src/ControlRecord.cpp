@@ -17,6 +17,7 @@ ControlHead MakeFrameHead(const Packet& packet, std::uint64_t size) noexcept {
     head.pts = packet.header.pts;
     head.control.dataSize = size;
     head.control.timeStamp = packet.header.timestampSec;
+    head.control.startTick = packet.header.timestampUsec;
     head.control.fileStop = head.kind == ControlKind::EndOfStream;
     return head;
 }

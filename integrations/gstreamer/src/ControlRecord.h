@@ -27,7 +27,9 @@ inline constexpr auto kLastControlKind = ControlKind::State;
 /// Head of a record on the control ring; text may follow it to the record's end.
 ///
 ///   offset  width
-///        0     88  the frame as CtlData tells it
+///        0     88  the frame as CtlData tells it; timeStamp and startTick: the packet's time
+///        stamp,
+///                  seconds and microseconds
 ///       88      4  magic
 ///       92      4  serial of the caps that the frame has, see StreamState
 ///       96      8  presentation time stamp, as in the packet's header

@@ -1,5 +1,6 @@
 #include "SegmentText.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "GstHandles.h"
@@ -35,7 +36,9 @@ std::optional<GstSegment> SegmentFromText(const std::string& text) {
     segment.flags = static_cast<GstSegmentFlags>(flags);
     const bool isSound = std::isfinite(segment.rate) && segment.rate != 0 &&
                          std::isfinite(segment.applied_rate) && segment.applied_rate != 0 &&
-                         GST_CLOCK_TIME_IS_VALID(segment.start) && segment.start <= segment.stop;
+                         GST_CLOCK_TIME_IS_VALID(segment.start) && segment.start <= segment.stop &&
+                         segment.offset <= segment.stop - segment.start &&
+                         (segment.rate > 0 || GST_CLOCK_TIME_IS_VALID(segment.stop));
     return isSound ? std::optional(segment) : std::nullopt;
 }
 
@@ -45,14 +48,20 @@ GstSegment AlignedSegment(GstSegment segment, GstClockTime pts, GstClockTimeDiff
     if (sign == 0) {
         return segment;
     }
-    const GstClockTimeDiff delta = wanted - sign * static_cast<GstClockTimeDiff>(running);
-    if (delta >= 0) {
-        segment.base += static_cast<guint64>(delta);
-    } else {
-        // What is ahead of the first buffer counts as played. The offset is in units of position.
-        segment.offset +=
-            static_cast<guint64>(-static_cast<double>(delta) * std::abs(segment.rate));
+    // Unsigned: times of any size may come, and only their difference counts.
+    const auto now = static_cast<guint64>(wanted);
+    const guint64 delta = sign > 0 ? now - running : now + running;
+    if (static_cast<gint64>(delta) >= 0) {
+        segment.base += delta;
+        return segment;
     }
+    const guint64 excess = 0 - delta;
+    const guint64 ofBase = std::min(excess, segment.base);
+    segment.base -= ofBase;
+    // What is ahead of the first buffer counts as played. The offset is in units of position.
+    const double played = static_cast<double>(excess - ofBase) * std::abs(segment.rate);
+    const guint64 left = segment.stop - segment.start - segment.offset;
+    segment.offset += played < static_cast<double>(left) ? static_cast<guint64>(played) : left;
     return segment;
 }
 

@@ -43,8 +43,10 @@ void SourceStream::Start(const SourceSettings& settings) {
 
 void SourceStream::Stop() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    last_ = reader_;
-    reader_.reset();
+    if (reader_) {  // not if this run has ended before the ring was opened
+        last_ = reader_;
+        reader_.reset();
+    }
 }
 
 void SourceStream::SetFlushing(bool flushing) {
@@ -145,17 +147,17 @@ bool SourceStream::KnowsCapsOf(const std::optional<ControlHead>& details) {
     if (details && (!state || state->serial != details->serial)) {
         state = reader_->FindState(details->serial);
     }
-    if (state && (!details || state->serial == details->serial)) {
-        Adopt(std::move(*state));
+    if (state && (!details || state->serial == details->serial) && Adopt(std::move(*state))) {
         return true;
     }
     if (!settings_.caps.empty()) {
         StreamState given;
         given.serial = details ? details->serial : 0;
         given.caps = settings_.caps;
-        Adopt(std::move(given));
-        soughtBlock_ = true;
-        return true;
+        if (Adopt(std::move(given))) {
+            soughtBlock_ = true;
+            return true;
+        }
     }
     if (details) {
         refusedSerial_ = details->serial;
@@ -169,20 +171,25 @@ bool SourceStream::KnowsCapsOf(const std::optional<ControlHead>& details) {
     return true;
 }
 
-void SourceStream::Adopt(StreamState state) {
-    SetCaps(state.caps);
+/// @return false, with no effect, if its caps are none
+bool SourceStream::Adopt(StreamState state) {
+    if (!SetCaps(state.caps)) {
+        return false;
+    }
     SetSegment(state.segment);
     SendTags(state.tags, GST_TAG_SCOPE_STREAM);
     SendTags(state.globalTags, GST_TAG_SCOPE_GLOBAL);
     state_ = std::move(state);
+    return true;
 }
 
 void SourceStream::Apply(const ControlRecord& event) {
     switch (event.head.kind) {
         case ControlKind::Caps:
-            state_.serial = event.head.serial;
-            SetCaps(event.text);
-            SeekSegment();
+            if (SetCaps(event.text)) {
+                state_.serial = event.head.serial;
+                SeekSegment();
+            }
             break;
         case ControlKind::Segment:
             SetSegment(event.text);
@@ -194,8 +201,10 @@ void SourceStream::Apply(const ControlRecord& event) {
             SendTags(event.text, GST_TAG_SCOPE_GLOBAL);
             break;
         case ControlKind::Gap:
-            SendEvent(
-                gst_event_new_gap(static_cast<GstClockTime>(event.head.pts), event.head.duration));
+            if (event.head.pts >= 0) {
+                SendEvent(gst_event_new_gap(static_cast<GstClockTime>(event.head.pts),
+                                            event.head.duration));
+            }
             break;
         case ControlKind::Custom:
             if (auto* const fields = gst_structure_from_string(event.text.c_str(), nullptr)) {
@@ -205,7 +214,7 @@ void SourceStream::Apply(const ControlRecord& event) {
         case ControlKind::State:
             if (auto state = StreamStateFromText(event.text);
                 state && state->serial != state_.serial) {
-                Adopt(std::move(*state));
+                (void)Adopt(std::move(*state));
             }
             break;
         case ControlKind::Frame:
@@ -214,15 +223,17 @@ void SourceStream::Apply(const ControlRecord& event) {
     }
 }
 
-void SourceStream::SetCaps(const std::string& text) {
+/// @return false if these are no caps of a stream
+bool SourceStream::SetCaps(const std::string& text) {
     const CapsHandle caps(gst_caps_from_string(text.c_str()));
     if (!caps || gst_caps_is_fixed(caps.get()) == FALSE) {
         GST_WARNING_OBJECT(source_, "caps that are none: %s", text.c_str());
-        return;
+        return false;
     }
     if (gst_base_src_set_caps(source_, caps.get()) == FALSE) {
         GST_WARNING_OBJECT(source_, "caps refused downstream: %s", text.c_str());
     }
+    return true;
 }
 
 void SourceStream::SetSegment(const std::string& text) {
@@ -277,7 +288,7 @@ void SourceStream::SendSegmentFor(const PacketHeader& header, GstClockTime pts) 
     segment_.reset();
     const GstClockTime now = gst_element_get_current_running_time(GST_ELEMENT(source_));
     if (settings_.alignTime && GST_CLOCK_TIME_IS_VALID(pts) && GST_CLOCK_TIME_IS_VALID(now)) {
-        segment = AlignedSegment(segment, pts, static_cast<GstClockTimeDiff>(now) - AgeOf(header));
+        segment = AlignedSegment(segment, pts, static_cast<GstClockTimeDiff>(now) );
     }
     (void)gst_base_src_new_segment(source_, &segment);
 }

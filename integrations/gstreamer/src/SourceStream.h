@@ -62,9 +62,9 @@ private:
     std::optional<GstFlowReturn> Deliver(const ReceivedPacket& received, GstBuffer** buffer);
     bool IsWanted(const Packet& packet, const std::optional<ControlHead>& details);
     bool KnowsCapsOf(const std::optional<ControlHead>& details);
-    void Adopt(StreamState state);
+    bool Adopt(StreamState state);
     void Apply(const ControlRecord& event);
-    void SetCaps(const std::string& text);
+    bool SetCaps(const std::string& text);
     void SetSegment(const std::string& text);
     void SeekSegment();
     void SendTags(const std::string& text, GstTagScope scope);
