@@ -69,10 +69,14 @@ std::optional<StreamState> ControlQueue::FindState(std::uint32_t serial) {
     return std::nullopt;
 }
 
-std::optional<ControlRecord> ControlQueue::TakeEvent() {
+bool ControlQueue::HasRecords() {
     while (records_.empty() && Pull()) {
     }
-    if (records_.empty() || records_.front().IsOfPacket()) {
+    return !records_.empty();
+}
+
+std::optional<ControlRecord> ControlQueue::TakeEvent() {
+    if (!HasRecords() || records_.front().IsOfPacket()) {
         return std::nullopt;
     }
     ControlRecord event = std::move(records_.front());

@@ -39,6 +39,9 @@ public:
     /// Looks for the state whose caps have `serial` among the records that wait.
     [[nodiscard]] std::optional<StreamState> FindState(std::uint32_t serial);
 
+    /// True if a record waits.
+    [[nodiscard]] bool HasRecords();
+
     /// Takes the next event, if it stands behind all packets: to be asked when none waits.
     std::optional<ControlRecord> TakeEvent();
 

@@ -24,12 +24,14 @@ enum class ControlKind : std::uint8_t {
 };
 inline constexpr auto kLastControlKind = ControlKind::State;
 
+/// Flags of a segment's record: running time begins again with it, as after a flush.
+inline constexpr std::uint32_t kStartsAnew = 1;
+
 /// Head of a record on the control ring; text may follow it to the record's end.
 ///
 ///   offset  width
-///        0     88  the frame as CtlData tells it; timeStamp and startTick: the packet's time
-///        stamp,
-///                  seconds and microseconds
+///        0     88  the frame as CtlData tells it; timeStamp and startTick: the time stamp of the
+///                  packet's header, seconds and microseconds
 ///       88      4  magic
 ///       92      4  serial of the caps that the frame has, see StreamState
 ///       96      8  presentation time stamp, as in the packet's header
@@ -37,7 +39,7 @@ inline constexpr auto kLastControlKind = ControlKind::State;
 ///      112      8  duration             |  of the GstBuffer, in its units;
 ///      120      8  offset               |  all bits set: none
 ///      128      8  end offset           |
-///      136      4  flags of the GstBuffer
+///      136      4  flags of the GstBuffer; of a segment: kStartsAnew or 0
 ///      140      1  kind
 ///      141      3  0
 struct ControlHead {

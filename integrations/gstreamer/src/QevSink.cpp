@@ -89,26 +89,36 @@ void Finalize(GObject* object) {
     G_OBJECT_CLASS(gst_qev_sink_parent_class)->finalize(object);
 }
 
-gboolean Start(GstBaseSink* sink) {
-    GstQevSink* const self = GST_QEV_SINK(sink);
+bool Open(GstQevSink* self) {
     try {
         const auto settings = [self] {
             const qel::ObjectLocked locked(self);
             return *self->settings;
         };
         self->stream->Start(settings());
-        return TRUE;
+        return true;
     } catch (const std::exception&) {
-        qel::PostOpeningError(GST_ELEMENT(sink));
-        return FALSE;
+        qel::PostOpeningError(GST_ELEMENT(self));
+        return false;
     }
 }
 
-gboolean Stop(GstBaseSink* sink) {
-    SinkStream& stream = *GST_QEV_SINK(sink)->stream;
-    qel::PostStats(GST_ELEMENT(sink), stream.Stats());
-    stream.Stop();
-    return TRUE;
+/// The ring is open from PAUSED on, so that settings made in READY count and the statistics can
+/// still be read from the bus at the end.
+GstStateChangeReturn ChangeState(GstElement* element, GstStateChange change) {
+    GstQevSink* const self = GST_QEV_SINK(element);
+    if (change == GST_STATE_CHANGE_READY_TO_PAUSED && !Open(self)) {
+        return GST_STATE_CHANGE_FAILURE;
+    }
+    const auto result = GST_ELEMENT_CLASS(gst_qev_sink_parent_class)->change_state(element, change);
+    const bool isClosed =
+        change == GST_STATE_CHANGE_PAUSED_TO_READY ||
+        (change == GST_STATE_CHANGE_READY_TO_PAUSED && result == GST_STATE_CHANGE_FAILURE);
+    if (isClosed) {
+        qel::PostStats(element, self->stream->Stats());
+        self->stream->Stop();
+    }
+    return result;
 }
 
 gboolean Unlock(GstBaseSink* sink) {
@@ -157,8 +167,8 @@ GstFlowReturn WaitEvent(GstBaseSink* sink, GstEvent* event) {
     if (result != GST_FLOW_OK || GST_EVENT_TYPE(event) != GST_EVENT_EOS) {
         return result;
     }
-    return Guarded(sink, GST_FLOW_ERROR, [sink](SinkStream& stream) {
-        const GstFlowReturn ended = stream.End();
+    return Guarded(sink, GST_FLOW_ERROR, [sink, event](SinkStream& stream) {
+        const GstFlowReturn ended = stream.End(event);
         if (ended == GST_FLOW_OK) {
             qel::PostStats(GST_ELEMENT(sink), stream.Stats());
         }
@@ -210,6 +220,7 @@ static void gst_qev_sink_class_init(GstQevSinkClass* klass) {
     InstallProperties(objectClass);
 
     auto* const elementClass = GST_ELEMENT_CLASS(klass);
+    elementClass->change_state = ChangeState;
     gst_element_class_add_static_pad_template(elementClass, &padTemplate);
     gst_element_class_set_static_metadata(
         elementClass, "Shared-memory ring sink", "Sink",
@@ -220,8 +231,6 @@ static void gst_qev_sink_class_init(GstQevSinkClass* klass) {
         "gst-launch-1.0 videotestsrc is-live=true ! video/x-raw,format=I420 ! qevsink name=camera");
 
     auto* const sinkClass = GST_BASE_SINK_CLASS(klass);
-    sinkClass->start = Start;
-    sinkClass->stop = Stop;
     sinkClass->unlock = Unlock;
     sinkClass->unlock_stop = UnlockStop;
     sinkClass->set_caps = SetCaps;

@@ -42,20 +42,26 @@ std::optional<GstSegment> SegmentFromText(const std::string& text) {
     return isSound ? std::optional(segment) : std::nullopt;
 }
 
-GstSegment AlignedSegment(GstSegment segment, GstClockTime pts, GstClockTimeDiff wanted) {
+std::optional<GstClockTimeDiff> RunningTimeOf(const GstSegment& segment, GstClockTime pts) {
+    constexpr guint64 kCentury = guint64{100} * 366 * 24 * 3600 * GST_SECOND;
     guint64 running = 0;
     const gint sign = gst_segment_to_running_time_full(&segment, GST_FORMAT_TIME, pts, &running);
-    if (sign == 0) {
+    if (sign == 0 || running > kCentury) {
+        return std::nullopt;
+    }
+    return sign * static_cast<GstClockTimeDiff>(running);
+}
+
+GstSegment AlignedSegment(GstSegment segment, GstClockTime pts, GstClockTimeDiff wanted) {
+    const auto running = RunningTimeOf(segment, pts);
+    if (!running) {
         return segment;
     }
-    // Unsigned: times of any size may come, and only their difference counts.
-    const auto now = static_cast<guint64>(wanted);
-    const guint64 delta = sign > 0 ? now - running : now + running;
-    if (static_cast<gint64>(delta) >= 0) {
-        segment.base += delta;
+    if (wanted >= *running) {
+        segment.base += static_cast<guint64>(wanted - *running);
         return segment;
     }
-    const guint64 excess = 0 - delta;
+    const auto excess = static_cast<guint64>(*running - wanted);
     const guint64 ofBase = std::min(excess, segment.base);
     segment.base -= ofBase;
     // What is ahead of the first buffer counts as played. The offset is in units of position.

@@ -14,6 +14,11 @@ namespace qel {
 /// @return nothing if it is none, or one that no stream can have
 [[nodiscard]] std::optional<GstSegment> SegmentFromText(const std::string& text);
 
+/// The running time of a time stamp, negative ahead of the segment; nothing if it has none, or one
+/// beyond a century.
+[[nodiscard]] std::optional<GstClockTimeDiff> RunningTimeOf(const GstSegment& segment,
+                                                            GstClockTime pts);
+
 /// The segment moved so that a buffer of time stamp `pts` has the running time `wanted`, which may
 /// be negative. Time stamps and stream time stay.
 [[nodiscard]] GstSegment AlignedSegment(GstSegment segment, GstClockTime pts,

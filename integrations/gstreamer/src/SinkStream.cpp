@@ -40,6 +40,8 @@ void SinkStream::Start(const SinkSettings& settings) {
         RingNameOf(GST_OBJECT(sink_), common.ring), common.size,
         static_cast<std::uint8_t>(common.node), false, settings.maxFrames, common.wakeUp});
     video_.reset();
+    isRaw_ = false;
+    startsAnew_ = true;
     dropsUntilKeyFrame_ = false;
     for (auto* const figure : {&packets_, &bytes_, &dropped_, &copies_}) {
         figure->store(0);
@@ -68,7 +70,12 @@ void SinkStream::SetCaps(const GstCaps* caps) {
         gst_video_info_from_caps(&info, caps) != FALSE) {
         video_ = info;
     }
-    TellText(ControlKind::Caps, TextHandle(gst_caps_to_string(caps)).get(),
+    const std::string name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
+    isRaw_ = name.find("/x-raw") != std::string::npos || name.rfind("other/tensor", 0) == 0;
+    // What readers get lies in plain memory, wherever it came from.
+    const CapsHandle plain(gst_caps_copy(caps));
+    gst_caps_set_features_simple(plain.get(), nullptr);
+    TellText(ControlKind::Caps, TextHandle(gst_caps_to_string(plain.get())).get(),
              MakeEventHead(ControlKind::Caps));
 }
 
@@ -78,11 +85,15 @@ void SinkStream::Tell(GstEvent* event) {
             const GstSegment* segment = nullptr;
             gst_event_parse_segment(event, &segment);
             if (segment->format == GST_FORMAT_TIME) {
-                TellText(ControlKind::Segment, TextOf(*segment),
-                         MakeEventHead(ControlKind::Segment));
+                ControlHead head = MakeEventHead(ControlKind::Segment);
+                head.flags = std::exchange(startsAnew_, false) ? kStartsAnew : 0;
+                TellText(ControlKind::Segment, TextOf(*segment), head);
             }
             break;
         }
+        case GST_EVENT_FLUSH_STOP:
+            startsAnew_ = true;
+            break;
         case GST_EVENT_TAG: {
             GstTagList* tags = nullptr;
             gst_event_parse_tag(event, &tags);
@@ -113,31 +124,38 @@ void SinkStream::Tell(GstEvent* event) {
 }
 
 void SinkStream::TellText(ControlKind kind, const std::string& text, ControlHead head) {
-    if (!writer_->Tell(kind, text, head)) {
+    const auto stop = [this] {
+        return unlocked_ || GST_PAD_IS_FLUSHING(GST_BASE_SINK_PAD(sink_)) != FALSE;
+    };
+    if (!writer_->Tell(kind, text, head, stop)) {
         GST_WARNING_OBJECT(sink_, "readers that come late will not know %s", text.c_str());
     }
 }
 
-/// A copy with the planes where the caps tell, for frames that lie otherwise; nothing for others.
-BufferHandle SinkStream::Plain(GstBuffer* buffer) {
+/// A copy with the planes where the caps tell, for frames that lie otherwise; none for others.
+/// @return nothing if it cannot be made
+std::optional<BufferHandle> SinkStream::Plain(GstBuffer* buffer) {
     const auto* const meta = video_ ? gst_buffer_get_video_meta(buffer) : nullptr;
     if (meta == nullptr || LiesAsCapsTell(*meta, *video_)) {
-        return nullptr;
+        return BufferHandle();
+    }
+    GstVideoFrame from;
+    if (gst_video_frame_map(&from, &*video_, buffer, GST_MAP_READ) == FALSE) {
+        return std::nullopt;
     }
     BufferHandle plain(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&*video_), nullptr));
-    GstVideoFrame from;
     GstVideoFrame to;
-    if (gst_video_frame_map(&from, &*video_, buffer, GST_MAP_READ) == FALSE) {
-        return nullptr;
-    }
     bool isCopied = false;
     if (gst_video_frame_map(&to, &*video_, plain.get(), GST_MAP_WRITE) != FALSE) {
         isCopied = gst_video_frame_copy(&to, &from) != FALSE;
         gst_video_frame_unmap(&to);
     }
     gst_video_frame_unmap(&from);
+    if (!isCopied) {
+        return std::nullopt;
+    }
     ++copies_;
-    return isCopied ? std::move(plain) : nullptr;
+    return plain;
 }
 
 GstFlowReturn SinkStream::Render(GstBuffer* buffer) {
@@ -148,31 +166,32 @@ GstFlowReturn SinkStream::Render(GstBuffer* buffer) {
         ++dropped_;
         return GST_FLOW_OK;
     }
-    const BufferHandle plain = Plain(buffer);
-    const MappedMemories memories(plain ? plain.get() : buffer);
-    if (!memories.IsComplete()) {
+    const auto plain = Plain(buffer);
+    const MappedMemories memories(plain && *plain ? plain->get() : buffer);
+    if (!plain || !memories.IsComplete()) {
         GST_ELEMENT_ERROR(sink_, RESOURCE, READ, ("a buffer's memory cannot be read"), (nullptr));
         return GST_FLOW_ERROR;
     }
-    guint64 size = 0;
     outgoing.spans = memories.Spans();
     for (const ByteSpan& span : outgoing.spans) {
-        size += span.size();
+        outgoing.size += span.size();
     }
     if (outgoing.spans.size() == 1) {
         outgoing.packet.data = outgoing.spans.front();
         outgoing.spans.clear();
     }
     outgoing.critical = settings_.criticalKeyFrames && isKey;
-    if (size > writer_->LargestPacket()) {
-        return Refuse(size);
+    outgoing.aligned = isRaw_;
+    if (outgoing.size > writer_->LargestPacket()) {
+        return Refuse(outgoing.size);
     }
-    outgoing.head = MakeFrameHead(outgoing.packet, size);
+    outgoing.head = MakeFrameHead(outgoing.packet, outgoing.size);
     Describe(outgoing.head, buffer);
-    const GstFlowReturn result = Send(outgoing, settings_.waitForSpace);
+    const GstFlowReturn result =
+        Send(outgoing, settings_.waitForSpace, GST_MINI_OBJECT_CAST(buffer));
     if (result == GST_FLOW_OK) {
         ++packets_;
-        bytes_ += size;
+        bytes_ += outgoing.size;
         dropsUntilKeyFrame_ = false;
     } else if (result == GST_FLOW_CUSTOM_SUCCESS) {
         ++dropped_;
@@ -199,11 +218,12 @@ GstFlowReturn SinkStream::Refuse(guint64 size) {
     return GST_FLOW_ERROR;
 }
 
+/// @param cause  the buffer or event that is sent
 /// @return `GST_FLOW_CUSTOM_SUCCESS` if there is no room and it may not wait
-GstFlowReturn SinkStream::Send(StreamWriter::Outgoing& outgoing, bool mayWait) {
-    writer_->Announce(outgoing);
+GstFlowReturn SinkStream::Send(StreamWriter::Outgoing& outgoing, bool mayWait,
+                               GstMiniObject* cause) {
     while (true) {
-        const WriteOutcome outcome = writer_->TryWrite(outgoing);
+        const WriteOutcome outcome = writer_->TryWrite(outgoing, mayWait);
         if (outcome == WriteOutcome::Written) {
             return GST_FLOW_OK;
         }
@@ -215,20 +235,30 @@ GstFlowReturn SinkStream::Send(StreamWriter::Outgoing& outgoing, bool mayWait) {
         if (!mayWait) {
             return GST_FLOW_CUSTOM_SUCCESS;
         }
-        if (!unlocked_) {
-            writer_->Wait();
-        } else if (const auto flow = gst_base_sink_wait_preroll(sink_); flow != GST_FLOW_OK) {
+        if (const auto flow = WaitForRoom(cause); flow != GST_FLOW_OK) {
             return flow;
         }
     }
 }
 
-GstFlowReturn SinkStream::End() {
+/// Waits once. The base class's lock is held, which changes of state need as well: it is given
+/// back meanwhile. Then the state may have changed, and in PAUSED the wait is that for PLAYING.
+GstFlowReturn SinkStream::WaitForRoom(GstMiniObject* cause) {
+    GST_BASE_SINK_PREROLL_UNLOCK(sink_);
+    writer_->Wait();
+    GST_BASE_SINK_PREROLL_LOCK(sink_);
+    if (GST_PAD_IS_FLUSHING(GST_BASE_SINK_PAD(sink_))) {
+        return GST_FLOW_FLUSHING;
+    }
+    return gst_base_sink_do_preroll(sink_, cause);
+}
+
+GstFlowReturn SinkStream::End(GstEvent* event) {
     StreamWriter::Outgoing outgoing;
     outgoing.packet = MakeEndOfStream();
     outgoing.critical = true;
     outgoing.head = MakeFrameHead(outgoing.packet, 0);
-    return Send(outgoing, true);
+    return Send(outgoing, true, GST_MINI_OBJECT_CAST(event));
 }
 
 GstStructure* SinkStream::Stats() const {

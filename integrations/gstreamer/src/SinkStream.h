@@ -40,15 +40,15 @@ public:
 
     void SetCaps(const GstCaps* caps);
 
-    /// Passes on what readers have to know of an event.
+    /// Passes on what readers have to know of an event. Waits for room beside the ring.
     void Tell(GstEvent* event);
 
     /// Writes a buffer; waits for room, unless the user wants buffers dropped.
     /// @return `GST_FLOW_ERROR` after an element error has been posted
     GstFlowReturn Render(GstBuffer* buffer);
 
-    /// Writes the end mark; waits for room.
-    GstFlowReturn End();
+    /// Writes the end mark for an end-of-stream event; waits for room.
+    GstFlowReturn End(GstEvent* event);
 
     /// true ends every wait at once, until false.
     void SetUnlocked(bool unlocked);
@@ -58,9 +58,10 @@ public:
     [[nodiscard]] guint64 Dropped() const noexcept { return dropped_.load(); }
 
 private:
-    GstFlowReturn Send(StreamWriter::Outgoing& outgoing, bool mayWait);
+    GstFlowReturn Send(StreamWriter::Outgoing& outgoing, bool mayWait, GstMiniObject* cause);
+    GstFlowReturn WaitForRoom(GstMiniObject* cause);
     GstFlowReturn Refuse(guint64 size);
-    [[nodiscard]] BufferHandle Plain(GstBuffer* buffer);
+    std::optional<BufferHandle> Plain(GstBuffer* buffer);
     void TellText(ControlKind kind, const std::string& text, ControlHead head);
 
     GstBaseSink* sink_;
@@ -71,6 +72,8 @@ private:
     std::atomic<bool> unlocked_{false};
 
     std::optional<GstVideoInfo> video_;  // of raw video
+    bool isRaw_ = false;                 // samples, which elements want aligned
+    bool startsAnew_ = true;             // running time, with the next segment
     bool dropsUntilKeyFrame_ = false;
 
     std::atomic<guint64> packets_{0};

@@ -2,15 +2,11 @@
 
 #include <chrono>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "CapsBlock.h"
-#include "CaptureTime.h"
-#include "GstHandles.h"
 #include "RingBuffer.h"
 #include "RingObject.h"
-#include "SegmentText.h"
 
 namespace qel {
 namespace {
@@ -31,9 +27,9 @@ void SourceStream::Start(const SourceSettings& settings) {
                 settings.sink, 0,           common.wakeUp};
     state_ = {};
     refusedSerial_ = 0;
-    soughtBlock_ = false;
-    segment_.reset();
-    knowsSegment_ = false;
+    hasSeenRecord_ = false;
+    soughtCaps_ = false;
+    pad_.Reset(settings.alignTime);
     awaitsKeyFrame_ = settings.startAtKeyFrame;
     isDiscont_ = true;
     for (auto* const figure : {&packets_, &bytes_, &copies_, &skipped_}) {
@@ -114,6 +110,8 @@ std::optional<GstFlowReturn> SourceStream::Deliver(const ReceivedPacket& receive
     if (received.outcome == ReadOutcome::EndOfStream) {
         (void)reader_->HandOn(received.ticket);
         isDiscont_ = true;
+        hasSeenRecord_ = false;  // the next writer may be of another kind
+        soughtCaps_ = false;
         return settings_.ignoreEos ? std::nullopt : std::optional(GST_FLOW_EOS);
     }
     if (!IsWanted(received.packet, match.details)) {
@@ -127,7 +125,8 @@ std::optional<GstFlowReturn> SourceStream::Deliver(const ReceivedPacket& receive
 }
 
 bool SourceStream::IsWanted(const Packet& packet, const std::optional<ControlHead>& details) {
-    if (!KnowsCapsOf(details)) {
+    const bool knowsCaps = details ? KnowsCaps(details->serial) : KnowsCapsUnrecorded(packet);
+    if (!knowsCaps) {
         awaitsKeyFrame_ = settings_.startAtKeyFrame;
         return false;
     }
@@ -135,81 +134,105 @@ bool SourceStream::IsWanted(const Packet& packet, const std::optional<ControlHea
     return !awaitsKeyFrame_;
 }
 
-/// Makes the caps that a packet was written for those of the pad.
-bool SourceStream::KnowsCapsOf(const std::optional<ControlHead>& details) {
-    if (details ? details->serial == state_.serial : state_.serial != 0 || soughtBlock_) {
+/// Makes the caps of number `serial` those of the pad.
+bool SourceStream::KnowsCaps(std::uint32_t serial) {
+    hasSeenRecord_ = true;
+    if (serial == state_.serial) {
         return true;
     }
-    if (details && details->serial == refusedSerial_) {
+    if (serial == refusedSerial_) {
         return false;
     }
-    auto state = CapsBlock::Load(StreamNames(options_.name).caps);
-    if (details && (!state || state->serial != details->serial)) {
-        state = reader_->FindState(details->serial);
+    auto state = LoadState();
+    if (!state || state->serial != serial) {
+        state = reader_->FindState(serial);
     }
-    if (state && (!details || state->serial == details->serial) && Adopt(std::move(*state))) {
+    if (!state && !settings_.caps.empty()) {
+        state = GivenState(serial);
+    }
+    if (state && Adopt(std::move(*state))) {
         return true;
     }
-    if (!settings_.caps.empty()) {
-        StreamState given;
-        given.serial = details ? details->serial : 0;
-        given.caps = settings_.caps;
-        if (Adopt(std::move(given))) {
-            soughtBlock_ = true;
-            return true;
-        }
+    refusedSerial_ = serial;
+    GST_ELEMENT_WARNING(
+        source_, STREAM, FORMAT,
+        ("ring %s: the caps of what waits in it are not known any more", options_.name.c_str()),
+        ("Its writer has gone, or has changed them since. The property caps helps "
+         "if they are always the same."));
+    return false;
+}
+
+/// Makes the caps of a packet without a record those of the pad.
+bool SourceStream::KnowsCapsUnrecorded(const Packet& packet) {
+    if (hasSeenRecord_ || reader_->HasRecords()) {
+        // It had one, which was left out or lost: only if nothing has changed since it is sure.
+        const auto state = LoadState();
+        return state && state->serial == state_.serial;
     }
-    if (details) {
-        refusedSerial_ = details->serial;
-        GST_ELEMENT_WARNING(
-            source_, STREAM, FORMAT,
-            ("ring %s: the caps of what waits in it are not known any more", options_.name.c_str()),
-            ("Their writer has gone. Set the property caps to read it."));
-        return false;
+    // A writer that tells nothing, or a node ahead that passes nothing on.
+    if (soughtCaps_ && !(packet.header.key && state_.serial != 0)) {
+        return true;
     }
-    soughtBlock_ = true;  // a writer that tells nothing
+    auto state = LoadState();
+    if (!state && !soughtCaps_ && !settings_.caps.empty()) {
+        state = GivenState(0);
+    }
+    soughtCaps_ = true;
+    if (state && (state->serial != state_.serial || state_.serial == 0)) {
+        (void)Adopt(std::move(*state));
+    }
     return true;
+}
+
+std::optional<StreamState> SourceStream::LoadState() const {
+    return CapsBlock::Load(StreamNames(options_.name).caps);
+}
+
+/// The state that the user has given by the caps.
+StreamState SourceStream::GivenState(std::uint32_t serial) const {
+    StreamState state;
+    state.serial = serial;
+    state.caps = settings_.caps;
+    return state;
 }
 
 /// @return false, with no effect, if its caps are none
 bool SourceStream::Adopt(StreamState state) {
-    if (!SetCaps(state.caps)) {
+    if (!pad_.SetCaps(state.caps)) {
         return false;
     }
-    SetSegment(state.segment);
-    SendTags(state.tags, GST_TAG_SCOPE_STREAM);
-    SendTags(state.globalTags, GST_TAG_SCOPE_GLOBAL);
+    pad_.SetSegment(state.segment, true);
+    pad_.SendTags(state.tags, GST_TAG_SCOPE_STREAM);
+    pad_.SendTags(state.globalTags, GST_TAG_SCOPE_GLOBAL);
     state_ = std::move(state);
     return true;
 }
 
 void SourceStream::Apply(const ControlRecord& event) {
-    switch (event.head.kind) {
+    const ControlHead& head = event.head;
+    switch (head.kind) {
         case ControlKind::Caps:
-            if (SetCaps(event.text)) {
-                state_.serial = event.head.serial;
+            if (pad_.SetCaps(event.text)) {
+                state_.serial = head.serial;
                 SeekSegment();
             }
             break;
         case ControlKind::Segment:
-            SetSegment(event.text);
+            pad_.SetSegment(event.text, head.flags == kStartsAnew);
             break;
         case ControlKind::Tags:
-            SendTags(event.text, GST_TAG_SCOPE_STREAM);
+            pad_.SendTags(event.text, GST_TAG_SCOPE_STREAM);
             break;
         case ControlKind::GlobalTags:
-            SendTags(event.text, GST_TAG_SCOPE_GLOBAL);
+            pad_.SendTags(event.text, GST_TAG_SCOPE_GLOBAL);
             break;
         case ControlKind::Gap:
-            if (event.head.pts >= 0) {
-                SendEvent(gst_event_new_gap(static_cast<GstClockTime>(event.head.pts),
-                                            event.head.duration));
+            if (head.pts >= 0) {
+                pad_.SendGap(static_cast<GstClockTime>(head.pts), head.duration);
             }
             break;
         case ControlKind::Custom:
-            if (auto* const fields = gst_structure_from_string(event.text.c_str(), nullptr)) {
-                SendEvent(gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, fields));
-            }
+            pad_.SendCustom(event.text);
             break;
         case ControlKind::State:
             if (auto state = StreamStateFromText(event.text);
@@ -223,74 +246,15 @@ void SourceStream::Apply(const ControlRecord& event) {
     }
 }
 
-/// @return false if these are no caps of a stream
-bool SourceStream::SetCaps(const std::string& text) {
-    const CapsHandle caps(gst_caps_from_string(text.c_str()));
-    if (!caps || gst_caps_is_fixed(caps.get()) == FALSE) {
-        GST_WARNING_OBJECT(source_, "caps that are none: %s", text.c_str());
-        return false;
-    }
-    if (gst_base_src_set_caps(source_, caps.get()) == FALSE) {
-        GST_WARNING_OBJECT(source_, "caps refused downstream: %s", text.c_str());
-    }
-    return true;
-}
-
-void SourceStream::SetSegment(const std::string& text) {
-    if (auto segment = SegmentFromText(text)) {
-        segment_ = *segment;
-        knowsSegment_ = true;
-    }
-}
-
 /// Caps can change without a new segment. A reader that came after the segment's record finds it
 /// in the block.
 void SourceStream::SeekSegment() {
-    if (knowsSegment_) {
+    if (pad_.KnowsSegment()) {
         return;
     }
-    const auto state = CapsBlock::Load(StreamNames(options_.name).caps);
-    if (state && state->serial == state_.serial) {
-        SetSegment(state->segment);
+    if (const auto state = LoadState(); state && state->serial == state_.serial) {
+        pad_.SetSegment(state->segment, true);
     }
-}
-
-void SourceStream::SendTags(const std::string& text, GstTagScope scope) {
-    constexpr std::string_view kBeginning = "taglist";  // which the parser insists on
-    if (text.compare(0, kBeginning.size(), kBeginning) != 0) {
-        return;
-    }
-    if (auto* const tags = gst_tag_list_new_from_string(text.c_str()); tags != nullptr) {
-        gst_tag_list_set_scope(tags, scope);
-        // The method itself: gst_element_send_event waits for state changes, which wait for us.
-        GstElement* const element = GST_ELEMENT(source_);
-        (void)GST_ELEMENT_GET_CLASS(element)->send_event(element, gst_event_new_tag(tags));
-    }
-}
-
-/// Sends an event at once. Ahead of a segment nothing is sent: it would have no meaning there.
-void SourceStream::SendEvent(GstEvent* event) {
-    if (packets_.load() == 0 || segment_) {
-        gst_event_unref(event);
-        return;
-    }
-    (void)gst_pad_push_event(GST_BASE_SRC_PAD(source_), event);
-}
-
-void SourceStream::SendSegmentFor(const PacketHeader& header, GstClockTime pts) {
-    const bool isFirst = packets_.load() == 0;
-    if (!segment_ && !isFirst) {
-        return;
-    }
-    GstSegment segment;
-    gst_segment_init(&segment, GST_FORMAT_TIME);
-    segment = segment_.value_or(segment);
-    segment_.reset();
-    const GstClockTime now = gst_element_get_current_running_time(GST_ELEMENT(source_));
-    if (settings_.alignTime && GST_CLOCK_TIME_IS_VALID(pts) && GST_CLOCK_TIME_IS_VALID(now)) {
-        segment = AlignedSegment(segment, pts, static_cast<GstClockTimeDiff>(now) );
-    }
-    (void)gst_base_src_new_segment(source_, &segment);
 }
 
 GstBuffer* SourceStream::MakeBuffer(const ReceivedPacket& received,
@@ -311,7 +275,7 @@ GstBuffer* SourceStream::MakeBuffer(const ReceivedPacket& received,
     if (std::exchange(isDiscont_, false)) {
         GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
     }
-    SendSegmentFor(header, GST_BUFFER_PTS(buffer));
+    pad_.AheadOf(buffer, header);
     ++packets_;
     bytes_ += size;
     return buffer;

@@ -11,6 +11,7 @@
 
 #include "ControlRecord.h"
 #include "Settings.h"
+#include "SourcePad.h"
 #include "StreamReader.h"
 #include "StreamState.h"
 
@@ -40,7 +41,7 @@ struct SourceSettings {
 ///  3. Every packet read is handed on exactly once: by the memory that stands for it, or at once.
 class SourceStream {
 public:
-    explicit SourceStream(GstBaseSrc* source) : source_(source) {}
+    explicit SourceStream(GstBaseSrc* source) : source_(source), pad_(source) {}
 
     /// @throws std::invalid_argument for settings that no stream can have
     void Start(const SourceSettings& settings);
@@ -61,15 +62,13 @@ private:
     bool Open();
     std::optional<GstFlowReturn> Deliver(const ReceivedPacket& received, GstBuffer** buffer);
     bool IsWanted(const Packet& packet, const std::optional<ControlHead>& details);
-    bool KnowsCapsOf(const std::optional<ControlHead>& details);
+    bool KnowsCaps(std::uint32_t serial);
+    bool KnowsCapsUnrecorded(const Packet& packet);
+    [[nodiscard]] std::optional<StreamState> LoadState() const;
+    [[nodiscard]] StreamState GivenState(std::uint32_t serial) const;
     bool Adopt(StreamState state);
     void Apply(const ControlRecord& event);
-    bool SetCaps(const std::string& text);
-    void SetSegment(const std::string& text);
     void SeekSegment();
-    void SendTags(const std::string& text, GstTagScope scope);
-    void SendEvent(GstEvent* event);
-    void SendSegmentFor(const PacketHeader& header, GstClockTime pts);
     GstBuffer* MakeBuffer(const ReceivedPacket& received,
                           const std::optional<ControlHead>& details);
 
@@ -83,11 +82,11 @@ private:
     std::shared_ptr<StreamReader> reader_;
     std::weak_ptr<StreamReader> last_;  // alive while buffers of the last run are
 
-    StreamState state_;                  // what downstream knows
-    std::uint32_t refusedSerial_ = 0;    // caps that could not be found
-    bool soughtBlock_ = false;           // for packets without a record
-    std::optional<GstSegment> segment_;  // to be sent ahead of the next buffer
-    bool knowsSegment_ = false;
+    SourcePad pad_;
+    StreamState state_;                // what downstream knows
+    std::uint32_t refusedSerial_ = 0;  // caps that could not be found
+    bool hasSeenRecord_ = false;       // so the writer makes one for each packet
+    bool soughtCaps_ = false;          // of a stream without records
     bool awaitsKeyFrame_ = true;
     bool isDiscont_ = true;
 

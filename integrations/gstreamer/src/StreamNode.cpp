@@ -32,11 +32,14 @@ StreamNode::StreamNode(const StreamOptions& options)
       wakeUp_(options.wakeUp),
       idle_(WaitMode::Yield) {
     PopulateRing(*ring_, options.size);
-    if (options.node > 0) {
-        recovered_ = HandOnLeftovers(*ring_, RingInfo(options));
-        (void)HandOnLeftovers(*control_, ControlInfo(options));
-        SignalNext();
-    }
+}
+
+std::uint64_t StreamNode::Recover(const StreamOptions& options) {
+    // The records first, as always: they have to be there when their packets come.
+    (void)HandOnLeftovers(*control_, ControlInfo(options));
+    const std::uint64_t packets = HandOnLeftovers(*ring_, RingInfo(options));
+    SignalNext();
+    return packets;
 }
 
 void StreamNode::Wait() {

@@ -44,11 +44,16 @@ public:
     static constexpr std::chrono::microseconds kLongestQuietWait{10000};
     static constexpr unsigned kWaitsUntilQuiet = 250;
 
-    /// Opens all, and hands on what a killed predecessor at this node has left.
+    /// Opens all.
     /// @throws NodeTaken if another process or element is this node
     /// @throws std::invalid_argument, RingError or std::runtime_error as OpenRing, and if a
     ///         semaphore cannot be opened
     explicit StreamNode(const StreamOptions& options);
+
+    /// Hands on what a killed predecessor at this node, a reader, had read.
+    /// @return packets handed on, fillers included
+    /// @throws as HandOnLeftovers
+    std::uint64_t Recover(const StreamOptions& options);
 
     [[nodiscard]] SharedPacketBufferIF& Ring() const noexcept { return *ring_; }
     [[nodiscard]] SharedPacketBufferIF& Control() const noexcept { return *control_; }
@@ -65,9 +70,6 @@ public:
     /// To be called when there was something.
     void WorkDone() noexcept;
 
-    /// Packets that a predecessor had read and not handed on.
-    [[nodiscard]] std::uint64_t Recovered() const noexcept { return recovered_; }
-
 private:
     std::unique_ptr<SharedPacketBufferIF> ring_;
     NodeClaim claim_;
@@ -79,7 +81,6 @@ private:
     bool neighbourPosts_ = false;
     bool timedOut_ = false;  // the last wait
     unsigned vainWaits_ = 0;
-    std::uint64_t recovered_ = 0;
 };
 
 }  // namespace qel

@@ -21,9 +21,14 @@ namespace qel {
 /// Invariant: the ring is used under `mutex_` only.
 class StreamReader {
 public:
+    /// Opens the node, and hands on what a killed predecessor had read.
     /// @throws as StreamNode
     explicit StreamReader(const StreamOptions& options)
-        : options_(options), node_(options), packets_(node_.Ring()), control_(node_.Control()) {}
+        : options_(options),
+          node_(options),
+          recovered_(node_.Recover(options)),
+          packets_(node_.Ring()),
+          control_(node_.Control()) {}
 
     /// Takes the next packet or end mark; nothing if none waits.
     std::optional<ReceivedPacket> TryNext();
@@ -44,6 +49,9 @@ public:
         return control_.FindState(serial);
     }
 
+    /// True if records wait, so that the writer is one that makes them.
+    bool HasRecords() { return control_.HasRecords(); }
+
     /// The next event behind all packets.
     std::optional<ControlRecord> TakeEvent();
 
@@ -52,11 +60,12 @@ public:
         return packets_.GetOutstanding();
     }
     [[nodiscard]] std::uint64_t Fillers() const;
-    [[nodiscard]] std::uint64_t Recovered() const noexcept { return node_.Recovered(); }
+    [[nodiscard]] std::uint64_t Recovered() const noexcept { return recovered_; }
 
 private:
     StreamOptions options_;
     StreamNode node_;
+    std::uint64_t recovered_;
     mutable std::mutex mutex_;
     PacketReader packets_;
     ControlQueue control_;

@@ -1,18 +1,16 @@
 #include "StreamWriter.h"
 
-#include <chrono>
+#include <algorithm>
+#include <array>
 #include <random>
 #include <utility>
 
 #include "EndOfStream.h"
+#include "PayloadAlignment.h"
 #include "RingRules.h"
 
 namespace qel {
 namespace {
-
-bool NeverWait() {
-    return true;
-}
 
 /// Not 0, and hardly ever that of the writer before.
 std::uint32_t FirstSerial() {
@@ -23,36 +21,36 @@ std::uint32_t NextSerial(std::uint32_t serial) {
     return serial + 1 == 0 ? 1 : serial + 1;
 }
 
+/// `size` zeros in pieces.
+std::vector<ByteSpan> Zeros(std::uint64_t size) {
+    static std::array<unsigned char, 65536> zeros{};
+    std::vector<ByteSpan> spans;
+    while (size > 0) {
+        const std::uint64_t piece = std::min<std::uint64_t>(size, zeros.size());
+        spans.emplace_back(zeros.data(), piece);
+        size -= piece;
+    }
+    return spans;
+}
+
 }  // namespace
 
 StreamWriter::StreamWriter(const StreamOptions& options)
     : options_(options),
       node_(options),
-      packets_(node_.Ring(), options.size, WaitMode::Yield, NeverWait),
-      control_(node_.Control(), ControlRingSize(options.size), WaitMode::Yield, NeverWait),
+      packets_(node_.Ring(), options.size, WaitMode::Yield, [] { return true; }),
+      control_(node_.Control(), ControlRingSize(options.size)),
       block_(StreamNames(options.name).caps) {
     state_.serial = FirstSerial();
 }
 
-void StreamWriter::Announce(Outgoing& outgoing) {
-    RepeatState(outgoing.packet);
-    outgoing.head.serial = state_.serial;
-    WriteControl(outgoing.head, {});
-}
-
-void StreamWriter::RepeatState(const Packet& packet) {
-    const auto now = std::chrono::steady_clock::now();
-    const bool isDue = packet.header.key && now - repeated_ >= kBetweenStates;
-    if (state_.caps.empty() || !(isDue || IsEndOfStream(packet))) {
-        return;
+WriteOutcome StreamWriter::TryWrite(Outgoing& outgoing, bool mayWait) {
+    if (!TryAnnounce(outgoing, mayWait)) {
+        return WriteOutcome::Stopped;
     }
-    repeated_ = now;
-    ControlHead head = MakeEventHead(ControlKind::State);
-    head.serial = state_.serial;
-    WriteControl(head, ToText(state_));
-}
-
-WriteOutcome StreamWriter::TryWrite(const Outgoing& outgoing) {
+    if (const WriteOutcome padded = TryPad(outgoing); padded != WriteOutcome::Written) {
+        return padded;
+    }
     WriteOutcome outcome = WriteOutcome::Broken;
     if (!outgoing.spans.empty()) {
         outcome = packets_.WriteGathered(outgoing.packet, outgoing.spans);
@@ -68,7 +66,47 @@ WriteOutcome StreamWriter::TryWrite(const Outgoing& outgoing) {
     return outcome;
 }
 
-bool StreamWriter::Tell(ControlKind kind, const std::string& text, ControlHead head) {
+bool StreamWriter::TryAnnounce(Outgoing& outgoing, bool mayWait) {
+    if (!outgoing.announced && TryRepeatState(outgoing.packet, mayWait)) {
+        outgoing.head.serial = state_.serial;
+        outgoing.announced = control_.TryWrite(outgoing.head, {}, mayWait);
+    }
+    return outgoing.announced;
+}
+
+bool StreamWriter::TryRepeatState(const Packet& packet, bool mayWait) {
+    const auto now = std::chrono::steady_clock::now();
+    const bool isDue = packet.header.key && now - repeated_ >= kBetweenStates;
+    if (state_.caps.empty() || !(isDue || IsEndOfStream(packet))) {
+        return true;
+    }
+    ControlHead head = MakeEventHead(ControlKind::State);
+    head.serial = state_.serial;
+    if (!control_.TryWrite(head, ToText(state_), mayWait)) {
+        return false;
+    }
+    repeated_ = now;
+    return true;
+}
+
+/// Writes what has to go ahead of a packet whose payload is to be aligned.
+WriteOutcome StreamWriter::TryPad(const Outgoing& outgoing) {
+    WriteOutcome outcome = WriteOutcome::Written;
+    while (outgoing.aligned && outcome == WriteOutcome::Written) {
+        const auto padding =
+            PaddingAhead(WriteIndexOf(node_.Ring(), options_.node), outgoing.size, options_.size);
+        if (!padding) {
+            break;
+        }
+        Packet filler;
+        filler.header.ignoreData = true;
+        outcome = packets_.WriteGathered(filler, Zeros(*padding));
+    }
+    return outcome;
+}
+
+bool StreamWriter::Tell(ControlKind kind, const std::string& text, ControlHead head,
+                        const StopPredicate& stop) {
     StreamState state = state_;
     if (kind == ControlKind::Caps) {
         state.serial = NextSerial(state.serial);
@@ -87,30 +125,11 @@ bool StreamWriter::Tell(ControlKind kind, const std::string& text, ControlHead h
         state_ = std::move(state);
     }
     head.serial = state_.serial;
-    WriteControl(head, text);
+    while (!control_.TryWrite(head, text, true) && !stop()) {
+        node_.Wait();
+    }
     node_.SignalNext();
     return isStored;
-}
-
-void StreamWriter::WriteControl(ControlHead& head, const std::string& text) {
-    Packet packet;
-    packet.header.pts = head.pts;
-    packet.header.timestampSec = head.control.timeStamp;
-    // The ring copies from the text; spans of constant bytes do not exist there.
-    auto* const bytes = reinterpret_cast<unsigned char*>(const_cast<char*>(text.data()));
-    const std::vector<ByteSpan> spans{BytesOf(head), {bytes, text.size()}};
-    const auto write = [&] { return control_.WriteGathered(packet, spans); };
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + kControlPatience;
-    WriteOutcome outcome = write();
-    while (outcome == WriteOutcome::Stopped && !controlIsFull_ && Clock::now() < deadline) {
-        node_.Wait();
-        outcome = write();
-    }
-    controlIsFull_ = outcome == WriteOutcome::Stopped;
-    if (outcome != WriteOutcome::Written) {
-        controlDropped_.fetch_add(1, std::memory_order_relaxed);
-    }
 }
 
 std::uint64_t StreamWriter::LargestPacket() const noexcept {
