@@ -1,6 +1,7 @@
 #include "ControlQueue.h"
 
 #include "EndOfStream.h"
+#include "PayloadAlignment.h"
 
 namespace qel {
 namespace {
@@ -73,6 +74,17 @@ bool ControlQueue::HasRecords() {
     while (records_.empty() && Pull()) {
     }
     return !records_.empty();
+}
+
+bool ControlQueue::IsInUse() {
+    return HasRecords() || WriteIndexOf(ring_, 0) != 0;
+}
+
+void ControlQueue::PutBack(std::deque<ControlRecord> records) {
+    for (ControlRecord& record : records_) {
+        records.push_back(std::move(record));
+    }
+    records_ = std::move(records);
 }
 
 std::optional<ControlRecord> ControlQueue::TakeEvent() {

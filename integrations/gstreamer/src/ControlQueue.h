@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "ControlRecord.h"
@@ -39,8 +40,14 @@ public:
     /// Looks for the state whose caps have `serial` among the records that wait.
     [[nodiscard]] std::optional<StreamState> FindState(std::uint32_t serial);
 
-    /// True if a record waits.
-    [[nodiscard]] bool HasRecords();
+    /// True if a writer has ever put records beside its packets.
+    [[nodiscard]] bool IsInUse();
+
+    /// Takes all records that have been read and wait for their packets.
+    [[nodiscard]] std::deque<ControlRecord> TakeRecords() { return std::exchange(records_, {}); }
+
+    /// Puts records ahead of those that wait: a former reader's at the same node.
+    void PutBack(std::deque<ControlRecord> records);
 
     /// Takes the next event, if it stands behind all packets: to be asked when none waits.
     std::optional<ControlRecord> TakeEvent();
@@ -50,6 +57,7 @@ private:
     static constexpr std::size_t kMostRecords = 65536;
 
     bool Pull();
+    bool HasRecords();
 
     SharedPacketBufferIF& ring_;
     std::deque<ControlRecord> records_;

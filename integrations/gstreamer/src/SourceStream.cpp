@@ -4,7 +4,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "CapsBlock.h"
 #include "RingBuffer.h"
 #include "RingObject.h"
 
@@ -25,11 +24,7 @@ void SourceStream::Start(const SourceSettings& settings) {
     settings_ = settings;
     options_ = {name,          common.size, static_cast<std::uint8_t>(common.node),
                 settings.sink, 0,           common.wakeUp};
-    state_ = {};
-    refusedSerial_ = 0;
-    hasSeenRecord_ = false;
-    soughtCaps_ = false;
-    pad_.Reset(settings.alignTime);
+    state_.Reset(name, settings.caps, settings.alignTime);
     awaitsKeyFrame_ = settings.startAtKeyFrame;
     isDiscont_ = true;
     for (auto* const figure : {&packets_, &bytes_, &copies_, &skipped_}) {
@@ -40,6 +35,8 @@ void SourceStream::Start(const SourceSettings& settings) {
 void SourceStream::Stop() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (reader_) {  // not if this run has ended before the ring was opened
+        left_ = reader_->TakeRecords();
+        leftBy_ = options_;
         last_ = reader_;
         reader_.reset();
     }
@@ -70,7 +67,7 @@ GstFlowReturn SourceStream::Create(GstBuffer** buffer) {
                 return *result;
             }
         } else if (const auto event = reader_->TakeEvent()) {
-            Apply(*event);
+            state_.Apply(*event);
         } else {
             reader_->Wait();
         }
@@ -93,6 +90,9 @@ bool SourceStream::Open() {
         }
         reader = std::make_shared<StreamReader>(options);
     }
+    if (IsSameStream(leftBy_, options_)) {
+        reader->PutBack(std::exchange(left_, {}));
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     reader_ = std::move(reader);
     return true;
@@ -105,13 +105,12 @@ std::optional<GstFlowReturn> SourceStream::Deliver(const ReceivedPacket& receive
     }
     const ControlQueue::Match match = reader_->TakeControl(received.packet);
     for (const ControlRecord& event : match.events) {
-        Apply(event);
+        state_.Apply(event);
     }
     if (received.outcome == ReadOutcome::EndOfStream) {
         (void)reader_->HandOn(received.ticket);
         isDiscont_ = true;
-        hasSeenRecord_ = false;  // the next writer may be of another kind
-        soughtCaps_ = false;
+        state_.BeginStream();
         return settings_.ignoreEos ? std::nullopt : std::optional(GST_FLOW_EOS);
     }
     if (!IsWanted(received.packet, match.details)) {
@@ -125,136 +124,12 @@ std::optional<GstFlowReturn> SourceStream::Deliver(const ReceivedPacket& receive
 }
 
 bool SourceStream::IsWanted(const Packet& packet, const std::optional<ControlHead>& details) {
-    const bool knowsCaps = details ? KnowsCaps(details->serial) : KnowsCapsUnrecorded(packet);
-    if (!knowsCaps) {
+    if (!state_.KnowsCapsOf(*reader_, packet, details)) {
         awaitsKeyFrame_ = settings_.startAtKeyFrame;
         return false;
     }
     awaitsKeyFrame_ = awaitsKeyFrame_ && !packet.header.key;
     return !awaitsKeyFrame_;
-}
-
-/// Makes the caps of number `serial` those of the pad.
-bool SourceStream::KnowsCaps(std::uint32_t serial) {
-    hasSeenRecord_ = true;
-    if (serial == state_.serial) {
-        return true;
-    }
-    if (serial == refusedSerial_) {
-        return false;
-    }
-    auto state = LoadState();
-    if (!state || state->serial != serial) {
-        state = reader_->FindState(serial);
-    }
-    if (!state && !settings_.caps.empty()) {
-        state = GivenState(serial);
-    }
-    if (state && Adopt(std::move(*state))) {
-        return true;
-    }
-    refusedSerial_ = serial;
-    GST_ELEMENT_WARNING(
-        source_, STREAM, FORMAT,
-        ("ring %s: the caps of what waits in it are not known any more", options_.name.c_str()),
-        ("Its writer has gone, or has changed them since. The property caps helps "
-         "if they are always the same."));
-    return false;
-}
-
-/// Makes the caps of a packet without a record those of the pad.
-bool SourceStream::KnowsCapsUnrecorded(const Packet& packet) {
-    if (hasSeenRecord_ || reader_->HasRecords()) {
-        // It had one, which was left out or lost: only if nothing has changed since it is sure.
-        const auto state = LoadState();
-        return state && state->serial == state_.serial;
-    }
-    // A writer that tells nothing, or a node ahead that passes nothing on.
-    if (soughtCaps_ && !(packet.header.key && state_.serial != 0)) {
-        return true;
-    }
-    auto state = LoadState();
-    if (!state && !soughtCaps_ && !settings_.caps.empty()) {
-        state = GivenState(0);
-    }
-    soughtCaps_ = true;
-    if (state && (state->serial != state_.serial || state_.serial == 0)) {
-        (void)Adopt(std::move(*state));
-    }
-    return true;
-}
-
-std::optional<StreamState> SourceStream::LoadState() const {
-    return CapsBlock::Load(StreamNames(options_.name).caps);
-}
-
-/// The state that the user has given by the caps.
-StreamState SourceStream::GivenState(std::uint32_t serial) const {
-    StreamState state;
-    state.serial = serial;
-    state.caps = settings_.caps;
-    return state;
-}
-
-/// @return false, with no effect, if its caps are none
-bool SourceStream::Adopt(StreamState state) {
-    if (!pad_.SetCaps(state.caps)) {
-        return false;
-    }
-    pad_.SetSegment(state.segment, true);
-    pad_.SendTags(state.tags, GST_TAG_SCOPE_STREAM);
-    pad_.SendTags(state.globalTags, GST_TAG_SCOPE_GLOBAL);
-    state_ = std::move(state);
-    return true;
-}
-
-void SourceStream::Apply(const ControlRecord& event) {
-    const ControlHead& head = event.head;
-    switch (head.kind) {
-        case ControlKind::Caps:
-            if (pad_.SetCaps(event.text)) {
-                state_.serial = head.serial;
-                SeekSegment();
-            }
-            break;
-        case ControlKind::Segment:
-            pad_.SetSegment(event.text, head.flags == kStartsAnew);
-            break;
-        case ControlKind::Tags:
-            pad_.SendTags(event.text, GST_TAG_SCOPE_STREAM);
-            break;
-        case ControlKind::GlobalTags:
-            pad_.SendTags(event.text, GST_TAG_SCOPE_GLOBAL);
-            break;
-        case ControlKind::Gap:
-            if (head.pts >= 0) {
-                pad_.SendGap(static_cast<GstClockTime>(head.pts), head.duration);
-            }
-            break;
-        case ControlKind::Custom:
-            pad_.SendCustom(event.text);
-            break;
-        case ControlKind::State:
-            if (auto state = StreamStateFromText(event.text);
-                state && state->serial != state_.serial) {
-                (void)Adopt(std::move(*state));
-            }
-            break;
-        case ControlKind::Frame:
-        case ControlKind::EndOfStream:
-            break;  // go with their packets
-    }
-}
-
-/// Caps can change without a new segment. A reader that came after the segment's record finds it
-/// in the block.
-void SourceStream::SeekSegment() {
-    if (pad_.KnowsSegment()) {
-        return;
-    }
-    if (const auto state = LoadState(); state && state->serial == state_.serial) {
-        pad_.SetSegment(state->segment, true);
-    }
 }
 
 GstBuffer* SourceStream::MakeBuffer(const ReceivedPacket& received,
@@ -275,7 +150,7 @@ GstBuffer* SourceStream::MakeBuffer(const ReceivedPacket& received,
     if (std::exchange(isDiscont_, false)) {
         GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
     }
-    pad_.AheadOf(buffer, header);
+    state_.AheadOf(buffer, header);
     ++packets_;
     bytes_ += size;
     return buffer;

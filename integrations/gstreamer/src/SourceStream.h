@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -11,9 +12,8 @@
 
 #include "ControlRecord.h"
 #include "Settings.h"
-#include "SourcePad.h"
+#include "SourceState.h"
 #include "StreamReader.h"
-#include "StreamState.h"
 
 namespace qel {
 
@@ -41,7 +41,7 @@ struct SourceSettings {
 ///  3. Every packet read is handed on exactly once: by the memory that stands for it, or at once.
 class SourceStream {
 public:
-    explicit SourceStream(GstBaseSrc* source) : source_(source), pad_(source) {}
+    explicit SourceStream(GstBaseSrc* source) : source_(source), state_(source) {}
 
     /// @throws std::invalid_argument for settings that no stream can have
     void Start(const SourceSettings& settings);
@@ -62,13 +62,6 @@ private:
     bool Open();
     std::optional<GstFlowReturn> Deliver(const ReceivedPacket& received, GstBuffer** buffer);
     bool IsWanted(const Packet& packet, const std::optional<ControlHead>& details);
-    bool KnowsCaps(std::uint32_t serial);
-    bool KnowsCapsUnrecorded(const Packet& packet);
-    [[nodiscard]] std::optional<StreamState> LoadState() const;
-    [[nodiscard]] StreamState GivenState(std::uint32_t serial) const;
-    bool Adopt(StreamState state);
-    void Apply(const ControlRecord& event);
-    void SeekSegment();
     GstBuffer* MakeBuffer(const ReceivedPacket& received,
                           const std::optional<ControlHead>& details);
 
@@ -81,12 +74,10 @@ private:
     bool flushing_ = false;
     std::shared_ptr<StreamReader> reader_;
     std::weak_ptr<StreamReader> last_;  // alive while buffers of the last run are
+    std::deque<ControlRecord> left_;    // that the last run had read ahead
+    StreamOptions leftBy_{};
 
-    SourcePad pad_;
-    StreamState state_;                // what downstream knows
-    std::uint32_t refusedSerial_ = 0;  // caps that could not be found
-    bool hasSeenRecord_ = false;       // so the writer makes one for each packet
-    bool soughtCaps_ = false;          // of a stream without records
+    SourceState state_;
     bool awaitsKeyFrame_ = true;
     bool isDiscont_ = true;
 

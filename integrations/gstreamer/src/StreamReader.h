@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <optional>
 
@@ -49,8 +50,12 @@ public:
         return control_.FindState(serial);
     }
 
-    /// True if records wait, so that the writer is one that makes them.
-    bool HasRecords() { return control_.HasRecords(); }
+    /// True if a writer has ever made records for its packets.
+    [[nodiscard]] bool HasRecords() { return control_.IsInUse(); }
+
+    /// What a reader has to pass on to its successor in the same process.
+    [[nodiscard]] std::deque<ControlRecord> TakeRecords() { return control_.TakeRecords(); }
+    void PutBack(std::deque<ControlRecord> records) { control_.PutBack(std::move(records)); }
 
     /// The next event behind all packets.
     std::optional<ControlRecord> TakeEvent();
