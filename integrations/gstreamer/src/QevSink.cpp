@@ -122,12 +122,7 @@ GstStateChangeReturn ChangeState(GstElement* element, GstStateChange change) {
 }
 
 gboolean Unlock(GstBaseSink* sink) {
-    GST_QEV_SINK(sink)->stream->SetUnlocked(true);
-    return TRUE;
-}
-
-gboolean UnlockStop(GstBaseSink* sink) {
-    GST_QEV_SINK(sink)->stream->SetUnlocked(false);
+    GST_QEV_SINK(sink)->stream->Wake();
     return TRUE;
 }
 
@@ -232,7 +227,6 @@ static void gst_qev_sink_class_init(GstQevSinkClass* klass) {
 
     auto* const sinkClass = GST_BASE_SINK_CLASS(klass);
     sinkClass->unlock = Unlock;
-    sinkClass->unlock_stop = UnlockStop;
     sinkClass->set_caps = SetCaps;
     sinkClass->event = HandleEvent;
     sinkClass->wait_event = WaitEvent;

@@ -55,10 +55,9 @@ void SinkStream::Stop() {
     writer_.reset();
 }
 
-void SinkStream::SetUnlocked(bool unlocked) {
-    unlocked_ = unlocked;
+void SinkStream::Wake() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (unlocked && writer_) {
+    if (writer_) {
         writer_->Wake();
     }
 }
@@ -124,9 +123,7 @@ void SinkStream::Tell(GstEvent* event) {
 }
 
 void SinkStream::TellText(ControlKind kind, const std::string& text, ControlHead head) {
-    const auto stop = [this] {
-        return unlocked_ || GST_PAD_IS_FLUSHING(GST_BASE_SINK_PAD(sink_)) != FALSE;
-    };
+    const auto stop = [this] { return GST_PAD_IS_FLUSHING(GST_BASE_SINK_PAD(sink_)) != FALSE; };
     if (!writer_->Tell(kind, text, head, stop)) {
         GST_WARNING_OBJECT(sink_, "readers that come late will not know %s", text.c_str());
     }

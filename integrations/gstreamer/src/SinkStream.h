@@ -24,8 +24,8 @@ struct SinkSettings {
 
 /// What happens between a sink's pad and a ring.
 ///
-/// Thread use: the streaming thread; `Start` and `Stop` while that does not run; `SetUnlocked` and
-/// the figures by any thread.
+/// Thread use: the streaming thread; `Start` and `Stop` while that does not run; `Wake` and the
+/// figures by any thread.
 ///
 /// Invariant: after a buffer has been dropped, none is written before the next key frame: readers
 /// get no frame that refers to one they have not got.
@@ -50,8 +50,8 @@ public:
     /// Writes the end mark for an end-of-stream event; waits for room.
     GstFlowReturn End(GstEvent* event);
 
-    /// true ends every wait at once, until false.
-    void SetUnlocked(bool unlocked);
+    /// Makes a wait look at once whether the pad is flushing or the state has changed.
+    void Wake() const;
 
     /// The caller's.
     [[nodiscard]] GstStructure* Stats() const;
@@ -69,7 +69,6 @@ private:
 
     mutable std::mutex mutex_;  // guards writer_ against other threads
     std::unique_ptr<StreamWriter> writer_;
-    std::atomic<bool> unlocked_{false};
 
     std::optional<GstVideoInfo> video_;  // of raw video
     bool isRaw_ = false;                 // samples, which elements want aligned

@@ -125,7 +125,7 @@ bool StreamWriter::Tell(ControlKind kind, const std::string& text, ControlHead h
         state_ = std::move(state);
     }
     head.serial = state_.serial;
-    while (!control_.TryWrite(head, text, true) && !stop()) {
+    while (!control_.TryWrite(head, text, true) && !(stop && stop())) {
         node_.Wait();
     }
     node_.SignalNext();

@@ -40,13 +40,14 @@ public:
     /// there.
     /// @param mayWait  false: the packet will not be tried again
     /// @return `Stopped` if there is no room at present
-    WriteOutcome TryWrite(Outgoing& outgoing, bool mayWait);
+    WriteOutcome TryWrite(Outgoing& outgoing, bool mayWait = true);
 
     /// Tells readers of caps, a segment, tags or an event, also those that come late. Waits for
-    /// room on the control ring until `stop` says true.
+    /// room on the control ring.
+    /// @param stop  ends the wait, and then readers are not told; empty: never
     /// @return false if late readers will not know: it is too large for the block
     bool Tell(ControlKind kind, const std::string& text, ControlHead head,
-              const StopPredicate& stop);
+              const StopPredicate& stop = {});
 
     /// Waits for room, see StreamNode::Wait.
     void Wait() { node_.Wait(); }
