@@ -47,21 +47,17 @@ void StreamNode::Wait() {
         idle_.Idle();
         return;
     }
-    const bool isQuiet = neighbourPosts_ || vainWaits_ >= kWaitsUntilQuiet;
-    timedOut_ = !own_.TakeFor(isQuiet ? kLongestQuietWait : kLongestWait);
-    if (!timedOut_) {
-        neighbourPosts_ = true;
-    } else if (vainWaits_ < kWaitsUntilQuiet) {
-        ++vainWaits_;
+    wasPosted_ = own_.TakeFor(shortWaits_ > 0 ? kLongestWait : kLongestQuietWait);
+    if (wasPosted_) {
+        shortWaits_ = kLooksAfterPost;
+    } else if (shortWaits_ > 0) {
+        --shortWaits_;
     }
 }
 
 void StreamNode::WorkDone() noexcept {
-    if (timedOut_) {  // it came without a post
-        neighbourPosts_ = false;
-    }
-    timedOut_ = false;
-    vainWaits_ = 0;
+    shortWaits_ = wasPosted_ ? 0 : kLooksWithoutPost;
+    wasPosted_ = true;  // what follows at once needs no post of its own
 }
 
 }  // namespace qel

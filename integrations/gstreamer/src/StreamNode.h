@@ -30,19 +30,20 @@ struct StreamOptions {
 
 /// One node of a stream: its rings, the claim on them and the semaphores.
 ///
-/// A node is woken by a post on its semaphore, whose value never exceeds one. A neighbour can die
-/// between its hand-over and its post, and a plain one posts nothing, so every wait is bounded: by
-/// `kLongestWait` next to a neighbour that is not known to post, by `kLongestQuietWait` next to one
-/// that does, or when nothing has come for `kWaitsUntilQuiet` waits. Each look costs CPU: a stream
-/// that is idle or slow should cost next to nothing.
+/// A node is woken by a post on its semaphore, whose value never exceeds one. Its neighbour posts
+/// twice, before it hands a packet over and after: should it die in between, the first post has
+/// made this node look every `kLongestWait` for a while. A plain neighbour posts nothing, so the
+/// node also looks as often after it has found a packet without a post. Otherwise it looks every
+/// `kLongestQuietWait`, since each look costs CPU and an idle stream should cost nothing.
 ///
 /// Thread use: `Wake` and `SignalNext` by any thread; each ring, and the waiting, by one thread at
 /// a time.
 class StreamNode {
 public:
     static constexpr std::chrono::microseconds kLongestWait{4000};
-    static constexpr std::chrono::microseconds kLongestQuietWait{10000};
-    static constexpr unsigned kWaitsUntilQuiet = 250;
+    static constexpr std::chrono::microseconds kLongestQuietWait{50000};
+    static constexpr unsigned kLooksAfterPost = 25;
+    static constexpr unsigned kLooksWithoutPost = 250;
 
     /// Opens all.
     /// @throws NodeTaken if another process or element is this node
@@ -58,7 +59,7 @@ public:
     [[nodiscard]] SharedPacketBufferIF& Ring() const noexcept { return *ring_; }
     [[nodiscard]] SharedPacketBufferIF& Control() const noexcept { return *control_; }
 
-    /// Wakes the node that this one hands its packets to.
+    /// Wakes the node that this one hands its packets to; to be called before and after it does.
     void SignalNext() const { next_.Signal(); }
 
     /// Ends this node's own wait.
@@ -78,9 +79,8 @@ private:
     SystemSemaphore next_;
     WakeUp wakeUp_;
     IdleStrategy idle_;
-    bool neighbourPosts_ = false;
-    bool timedOut_ = false;  // the last wait
-    unsigned vainWaits_ = 0;
+    bool wasPosted_ = false;                   // at the last wait
+    unsigned shortWaits_ = kLooksWithoutPost;  // to come
 };
 
 }  // namespace qel

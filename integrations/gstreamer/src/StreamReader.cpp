@@ -13,6 +13,7 @@ std::optional<ReceivedPacket> StreamReader::TryNext() {
 
 bool StreamReader::HandOn(InOrderRelease::Ticket ticket) {
     SMStatusCode status = SMStatusCode::SUCCESS;
+    node_.SignalNext();
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         status = packets_.Release(ticket);

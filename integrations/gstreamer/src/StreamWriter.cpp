@@ -51,6 +51,7 @@ WriteOutcome StreamWriter::TryWrite(Outgoing& outgoing, bool mayWait) {
     if (const WriteOutcome padded = TryPad(outgoing); padded != WriteOutcome::Written) {
         return padded;
     }
+    node_.SignalNext();
     WriteOutcome outcome = WriteOutcome::Broken;
     if (!outgoing.spans.empty()) {
         outcome = packets_.WriteGathered(outgoing.packet, outgoing.spans);
