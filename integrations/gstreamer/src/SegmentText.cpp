@@ -6,6 +6,16 @@
 #include "GstHandles.h"
 
 namespace qel {
+namespace {
+
+/// All but the flag with which a source's base class would end the segment, and not the stream.
+constexpr guint kTravellingFlags =
+    static_cast<guint>(GST_SEGMENT_FLAG_RESET) | static_cast<guint>(GST_SEGMENT_FLAG_TRICKMODE) |
+    static_cast<guint>(GST_SEGMENT_FLAG_TRICKMODE_KEY_UNITS) |
+    static_cast<guint>(GST_SEGMENT_FLAG_TRICKMODE_FORWARD_PREDICTED) |
+    static_cast<guint>(GST_SEGMENT_FLAG_TRICKMODE_NO_AUDIO);
+
+}  // namespace
 
 std::string TextOf(const GstSegment& segment) {
     const StructureHandle fields(gst_structure_new(
@@ -33,7 +43,7 @@ std::optional<GstSegment> SegmentFromText(const std::string& text) {
                           &segment.duration, nullptr) == FALSE) {
         return std::nullopt;
     }
-    segment.flags = static_cast<GstSegmentFlags>(flags);
+    segment.flags = static_cast<GstSegmentFlags>(flags & kTravellingFlags);
     const bool isSound = std::isfinite(segment.rate) && segment.rate != 0 &&
                          std::isfinite(segment.applied_rate) && segment.applied_rate != 0 &&
                          GST_CLOCK_TIME_IS_VALID(segment.start) && segment.start <= segment.stop &&

@@ -30,13 +30,11 @@ bool SourcePad::SetCaps(const std::string& text) {
 }
 
 void SourcePad::SetSegment(const std::string& text, bool startsAnew) {
-    auto segment = SegmentFromText(text);
+    const auto segment = SegmentFromText(text);
     if (!segment) {
         return;
     }
-    // With this flag the base class would end the segment, and not the stream, at the end.
-    segment->flags = static_cast<GstSegmentFlags>(segment->flags & ~GST_SEGMENT_FLAG_SEGMENT);
-    segment_ = *segment;
+    segment_ = segment;
     knowsSegment_ = true;
     if (startsAnew) {
         shift_.reset();
