@@ -147,6 +147,7 @@ TEST_F(ForgedRecords, CapsThatAreNoneAreNotThoseOfTheStream) {
           std::string("a/b, c=(int)[1, 2]"), std::string("a/b; c/d"), std::string(3000, '(')}) {
         writer_.Tell(ControlKind::Caps, text, MakeEventHead(ControlKind::Caps));
         EXPECT_EQ(NumberedPacket(3).SendBy(writer_), WriteOutcome::Written);
+        EXPECT_EQ(NumberedPacket(4).SendBy(writer_), WriteOutcome::Written);
     }
     writer_.Tell(ControlKind::Caps, "test/x-frames, number=(int)2",
                  MakeEventHead(ControlKind::Caps));
@@ -155,6 +156,9 @@ TEST_F(ForgedRecords, CapsThatAreNoneAreNotThoseOfTheStream) {
                 ElementsAre("caps test/x-frames, number=(int)1", "segment", "buffer 1",
                             "caps test/x-frames, number=(int)2", "buffer 2"))
         << "no buffer under caps that it was not written for";
+    EXPECT_EQ(source_.Figure("skipped"), 14U);
+    EXPECT_EQ(source_.AwaitWarning().code, StreamError(GST_STREAM_ERROR_FORMAT));
+    EXPECT_EQ(source_.TakeWarnings(), 6) << "one for each caps";
 }
 
 TEST_F(ForgedRecords, GapsWithoutATimeArePassedOver) {

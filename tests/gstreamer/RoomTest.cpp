@@ -54,6 +54,19 @@ protected:
         return worker_.StartBlocked([this] { return Push(3, 4000); }, SYS_futex);
     }
 
+    /// The end of the stream behind two packets, which are as many as the ring takes.
+    std::future<bool> EndInFullRing() {
+        EXPECT_EQ(Push(1, 5), GST_FLOW_OK);
+        EXPECT_EQ(Push(2, 5), GST_FLOW_OK);
+        return worker_.StartBlocked([this] { return sink_->End(); }, SYS_futex);
+    }
+    void PauseOftenAndPlay() {
+        for (int i = 0; i < 50; ++i) {
+            ASSERT_TRUE(sink_->SetState(GST_STATE_PAUSED));
+            ASSERT_TRUE(sink_->SetState(GST_STATE_PLAYING));
+        }
+    }
+
     UniqueStreamName name_;
     std::unique_ptr<Sink> sink_;
     std::unique_ptr<SharedPacketBufferIF> ring_;
@@ -94,15 +107,13 @@ TEST_F(Room, WaitEndsWhenTheElementIsStopped) {
 TEST_F(Room, WaitGoesOnAfterAPause) {
     Open({});
     auto pushed = PushIntoFullRing();
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(sink_->SetState(GST_STATE_PAUSED));
-        ASSERT_TRUE(sink_->SetState(GST_STATE_PLAYING));
-    }
+    PauseOftenAndPlay();
     EXPECT_FALSE(IsReady(pushed));
     EXPECT_EQ(Take(), 1);
     EXPECT_EQ(Take(), 2);
     EXPECT_EQ(pushed.get(), GST_FLOW_OK);
-    EXPECT_EQ(Take(), 3);
+    EXPECT_THAT(TakeAll(), ElementsAre(3)) << "once";
+    EXPECT_EQ(sink_->Figure("packets"), 3U);
 }
 
 TEST_F(Room, WaitEndsInPausedWhenTheElementIsStopped) {
@@ -131,12 +142,32 @@ TEST_F(Room, FlushEndsTheWaitAndTheStreamGoesOn) {
 
 TEST_F(Room, EndOfStreamIsWaitedForToo) {
     Open({{"max-frames", "1"}});
-    ASSERT_EQ(Push(1, 5), GST_FLOW_OK);
-    ASSERT_EQ(Push(2, 5), GST_FLOW_OK);
-    auto ended = worker_.StartBlocked([this] { return sink_->End(); }, SYS_futex);
+    auto ended = EndInFullRing();
     EXPECT_EQ(Take(), 1);
     EXPECT_TRUE(ended.get());
     EXPECT_THAT(TakeAll(), ElementsAre(2, -200));
+}
+
+TEST_F(Room, WaitOfTheEndOfStreamGoesOnAfterPauses) {
+    Open({{"max-frames", "1"}});
+    auto ended = EndInFullRing();
+    PauseOftenAndPlay();
+    EXPECT_FALSE(IsReady(ended));
+    EXPECT_EQ(Take(), 1);
+    EXPECT_TRUE(ended.get());
+    EXPECT_THAT(TakeAll(), ElementsAre(2, -200)) << "once";
+}
+
+TEST_F(Room, WaitOfTheEndOfStreamEndsWhenTheElementIsStopped) {
+    for (const GstState last : {GST_STATE_PLAYING, GST_STATE_PAUSED}) {
+        Open({{"max-frames", "1"}});
+        auto ended = EndInFullRing();
+        ASSERT_TRUE(sink_->SetState(last));
+        ASSERT_TRUE(sink_->SetState(GST_STATE_NULL));
+        (void)ended.get();
+        EXPECT_THAT(TakeAll(), ElementsAre(1, 2)) << "no end mark";
+        sink_.reset();
+    }
 }
 
 TEST_F(Room, EndOfStreamUsesTheReserve) {

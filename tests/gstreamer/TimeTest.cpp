@@ -1,6 +1,7 @@
 // Segments, and the running time that buffers get from them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include "CaptureTime.h"
 #include "Elements.h"
@@ -83,6 +84,46 @@ TEST_F(StreamTime, FirstBufferHasTheRunningTimeOfItsArrivalIfItIsAligned) {
         EXPECT_EQ(RunningTime(segment, 13 * GST_SECOND), kNow + GST_SECOND);
         EXPECT_EQ(segment.start, 10 * GST_SECOND);
         EXPECT_EQ(segment.time, 77U);
+    }
+}
+
+TEST_F(StreamTime, SegmentsOfOneStreamKeepTheirDistanceHoweverLateTheyCome) {
+    PushSegment(10 * GST_SECOND, GST_CLOCK_TIME_NONE, 0);
+    Push(12 * GST_SECOND);
+    const auto source = PlaySource("true");
+    (void)source->Pull();
+    const GstSegment first = SegmentOf(source->AwaitEvent(GST_EVENT_SEGMENT).get());
+    EXPECT_EQ(RunningTime(first, 12 * GST_SECOND), kNow);
+    (void)gst_harness_set_time(source->Harness(), kNow + 50 * GST_SECOND);
+    PushSegment(20 * GST_SECOND, GST_CLOCK_TIME_NONE, 5 * GST_SECOND);
+    Push(21 * GST_SECOND);
+    (void)source->Pull();
+    const GstSegment second = SegmentOf(source->AwaitEvent(GST_EVENT_SEGMENT).get());
+    EXPECT_EQ(RunningTime(second, 21 * GST_SECOND), kNow + 4 * GST_SECOND);
+}
+
+TEST_F(StreamTime, SegmentIsAlignedAnewAfterAFlushAndOfAWriterThatHasBeenStartedAgain) {
+    Push(12 * GST_SECOND);
+    const auto source = PlaySource("true");
+    (void)source->Pull();
+    (void)source->AwaitEvent(GST_EVENT_SEGMENT);
+    GstClockTime now = kNow;
+    for (const bool isFlush : {true, false}) {
+        now += 50 * GST_SECOND;
+        (void)gst_harness_set_time(source->Harness(), now);
+        if (isFlush) {
+            ASSERT_TRUE(sink_.PushEvent(gst_event_new_flush_start()));
+            ASSERT_TRUE(sink_.PushEvent(gst_event_new_flush_stop(TRUE)));
+        } else {
+            ASSERT_TRUE(sink_.SetState(GST_STATE_NULL));
+            ASSERT_TRUE(sink_.SetState(GST_STATE_PLAYING));
+            sink_.SetCaps("test/x-frames, number=(int)2");
+        }
+        PushSegment(20 * GST_SECOND, GST_CLOCK_TIME_NONE, 0);
+        Push(21 * GST_SECOND);
+        (void)source->Pull();
+        const GstSegment segment = SegmentOf(source->AwaitEvent(GST_EVENT_SEGMENT).get());
+        EXPECT_EQ(RunningTime(segment, 21 * GST_SECOND), now) << isFlush;
     }
 }
 
@@ -169,6 +210,24 @@ TEST_F(StreamTime, StreamGoesOnBehindTheSegmentsEndUntilItsOwn) {
     EXPECT_THAT(source->History(),
                 testing::ElementsAre("caps test/x-frames, number=(int)1", "segment", "buffer 10",
                                      "buffer 20", "buffer 30", "segment", "buffer 40", "eos"));
+}
+
+TEST_F(StreamTime, SegmentThatIsToBeMarkedAtItsEndIsAnOrdinaryOne) {
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    segment.flags = static_cast<GstSegmentFlags>(GST_SEGMENT_FLAG_SEGMENT | GST_SEGMENT_FLAG_RESET);
+    ASSERT_TRUE(sink_.PushEvent(gst_event_new_segment(&segment)));
+    Push(10);
+    ASSERT_TRUE(sink_.End());
+    const auto source = PlaySource("false");
+    const GstSegment found = SegmentOf(source->AwaitEvent(GST_EVENT_SEGMENT).get());
+    EXPECT_EQ(found.flags, GST_SEGMENT_FLAG_RESET);
+    EXPECT_EQ(GST_BUFFER_PTS(source->Pull().get()), 10U);
+    while (source->History().size() < 4) {  // what comes last, whatever it is
+        ::sched_yield();
+    }
+    EXPECT_THAT(source->History(), testing::ElementsAre("caps test/x-frames, number=(int)1",
+                                                        "segment", "buffer 10", "eos"));
 }
 
 TEST_F(StreamTime, BackwardStreamComesOut) {

@@ -198,6 +198,28 @@ TEST_F(Transport, GapsAndCustomEventsKeepTheirPlace) {
                                                "buffer 1", "gap", "first", "buffer 2", "last"));
 }
 
+TEST_F(Transport, CustomEventsFollowTheSegmentThatTheyStandBehind) {
+    const auto push = [this](const char* name) {
+        ASSERT_TRUE(sink_.PushEvent(
+            gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, gst_structure_new_empty(name))));
+    };
+    push("a");
+    push("b");
+    ASSERT_EQ(sink_.Push(MakeBuffer({"one", 1})), GST_FLOW_OK);
+    push("c");
+    sink_.SetCaps("test/x-frames, number=(int)2");
+    push("d");
+    push("e");
+    ASSERT_EQ(sink_.Push(MakeBuffer({"two", 2})), GST_FLOW_OK);
+    source_.Play();
+    (void)source_.Pull();
+    (void)source_.Pull();
+    EXPECT_THAT(
+        source_.History(),
+        ElementsAre("caps test/x-frames, number=(int)1", "segment", "a", "b", "buffer 1", "c",
+                    "caps test/x-frames, number=(int)2", "segment", "d", "e", "buffer 2"));
+}
+
 TEST_F(Transport, EventsAheadOfTheFirstSegmentHaveNoMeaning) {
     ASSERT_TRUE(sink_.PushEvent(gst_event_new_gap(7, 8)));
     ASSERT_EQ(sink_.Push(MakeBuffer({"one", 1})), GST_FLOW_OK);

@@ -5,6 +5,7 @@
 #include "Elements.h"
 #include "ProcessState.h"
 #include "StreamName.h"
+#include "Worker.h"
 
 namespace qel::test {
 namespace {
@@ -126,6 +127,23 @@ TEST(States, BuffersKeepTheirDataAndTheirNodeOverACycle) {
     EXPECT_EQ(source.Figure("outstanding-packets"), 3U);
     one.reset();
     EXPECT_EQ(source.Figure("outstanding-packets"), 1U);
+}
+
+TEST(States, BufferGivenBackDuringAStartDoesNotKeepTheNode) {
+    const UniqueStreamName name;
+    Sink sink(name.Name(), kWriting);
+    Source source(name.Name());
+    source.Play();
+    Worker downstream;
+    for (GstClockTime i = 0; i < 300; ++i) {
+        ASSERT_EQ(sink.Push(MakeBuffer({"frame", i})), GST_FLOW_OK);
+        auto buffer = std::make_shared<BufferHandle>(source.Pull());
+        ASSERT_TRUE(*buffer) << i;
+        ASSERT_TRUE(source.SetState(GST_STATE_NULL));
+        const auto given = downstream.Start([buffer] { buffer->reset(); });
+        ASSERT_TRUE(source.SetState(GST_STATE_PLAYING));
+        given.wait();
+    }
 }
 
 TEST(States, BuffersOutliveTheElement) {

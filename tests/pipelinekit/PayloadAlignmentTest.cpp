@@ -1,5 +1,3 @@
-#include "PayloadAlignment.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -8,6 +6,7 @@
 
 #include "OpenRing.h"
 #include "PacketReader.h"
+#include "PayloadAlignment.h"
 #include "RingRules.h"
 #include "UniqueRingName.h"
 

@@ -48,7 +48,7 @@ void SourcePad::SendTags(const std::string& text, GstTagScope scope) {
     }
     if (auto* const tags = gst_tag_list_new_from_string(text.c_str()); tags != nullptr) {
         gst_tag_list_set_scope(tags, scope);
-        Queue(gst_event_new_tag(tags));
+        Send(gst_event_new_tag(tags));
     }
 }
 
@@ -57,17 +57,21 @@ void SourcePad::SendCustom(const std::string& text) {
     if (fields == nullptr) {
         return;
     }
-    auto* const event = gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, fields);
-    if (IsFlowing()) {
-        Push(event);
-    } else {
-        Queue(event);
-    }
+    Send(gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, fields));
 }
 
 void SourcePad::SendGap(GstClockTime start, GstClockTime duration) {
     if (IsFlowing()) {
         Push(gst_event_new_gap(start, duration));
+    }
+}
+
+/// Sends an event in order with the buffers, and behind the segment that it stands behind.
+void SourcePad::Send(GstEvent* event) {
+    if (IsFlowing()) {
+        Push(event);
+    } else {
+        Queue(event);
     }
 }
 

@@ -43,6 +43,7 @@ public:
     void AheadOf(GstBuffer* buffer, const PacketHeader& header);
 
 private:
+    void Send(GstEvent* event);
     void Push(GstEvent* event);
     void Queue(GstEvent* event);
     [[nodiscard]] bool IsFlowing() const noexcept { return hasSent_ && !segment_; }

@@ -85,7 +85,8 @@ bool SourceState::KnowsCapsOfLostRecord() {
         return true;
     }
     if (!givenCaps_.empty()) {
-        return soughtCaps_ = soughtCaps_ || Adopt(GivenState(0));
+        const bool areGiven = state_.serial == 0 && state_.caps == givenCaps_;
+        return areGiven || Adopt(GivenState(0));
     }
     if (!hasSeenRecord_ && !std::exchange(soughtCaps_, true)) {
         WarnOfUnknownCaps();

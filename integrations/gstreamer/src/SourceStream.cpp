@@ -74,21 +74,17 @@ GstFlowReturn SourceStream::Create(GstBuffer** buffer) {
     }
 }
 
-/// Opens the ring; false if its size is to be that of a ring that is not there yet.
+/// Opens the ring; false, after a pause, if that has to be tried again.
 bool SourceStream::Open() {
-    constexpr std::chrono::milliseconds kBetweenLooks(5);
-    StreamOptions options = options_;
     auto reader = last_.lock();
-    if (!reader || !IsSameStream(reader->Options(), options)) {
-        if (options.size == 0) {
-            options.size = RingObject::FindSize(options.name).value_or(0);
-        }
-        if (options.size == 0) {
-            std::unique_lock<std::mutex> lock(mutex_);
-            (void)flushed_.wait_for(lock, kBetweenLooks, [this] { return flushing_; });
-            return false;
-        }
-        reader = std::make_shared<StreamReader>(options);
+    if (!reader || !IsSameStream(reader->Options(), options_)) {
+        reader = MakeReader();
+    }
+    if (!reader) {
+        constexpr std::chrono::milliseconds kBetweenLooks(5);
+        std::unique_lock<std::mutex> lock(mutex_);
+        (void)flushed_.wait_for(lock, kBetweenLooks, [this] { return flushing_; });
+        return false;
     }
     if (IsSameStream(leftBy_, options_)) {
         reader->PutBack(std::exchange(left_, {}));
@@ -96,6 +92,29 @@ bool SourceStream::Open() {
     const std::lock_guard<std::mutex> lock(mutex_);
     reader_ = std::move(reader);
     return true;
+}
+
+/// @return nothing if the ring is not there yet, or if another thread is just giving back the last
+///         buffer of the run before, and with it the node
+std::shared_ptr<StreamReader> SourceStream::MakeReader() {
+    StreamOptions options = options_;
+    if (lastHasGone_ && last_.expired() && !*lastHasGone_) {
+        return nullptr;
+    }
+    if (options.size == 0) {
+        options.size = RingObject::FindSize(options.name).value_or(0);
+    }
+    if (options.size == 0) {
+        return nullptr;
+    }
+    auto hasGone = std::make_shared<std::atomic<bool>>(false);
+    std::shared_ptr<StreamReader> reader(new StreamReader(options),
+                                         [hasGone](const StreamReader* gone) {
+                                             delete gone;
+                                             *hasGone = true;
+                                         });
+    lastHasGone_ = std::move(hasGone);
+    return reader;
 }
 
 std::optional<GstFlowReturn> SourceStream::Deliver(const ReceivedPacket& received,

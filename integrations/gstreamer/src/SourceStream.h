@@ -60,6 +60,7 @@ public:
 
 private:
     bool Open();
+    std::shared_ptr<StreamReader> MakeReader();
     std::optional<GstFlowReturn> Deliver(const ReceivedPacket& received, GstBuffer** buffer);
     bool IsWanted(const Packet& packet, const std::optional<ControlHead>& details);
     GstBuffer* MakeBuffer(const ReceivedPacket& received,
@@ -73,8 +74,9 @@ private:
     std::condition_variable flushed_;
     bool flushing_ = false;
     std::shared_ptr<StreamReader> reader_;
-    std::weak_ptr<StreamReader> last_;  // alive while buffers of the last run are
-    std::deque<ControlRecord> left_;    // that the last run had read ahead
+    std::weak_ptr<StreamReader> last_;                // alive while buffers of the last run are
+    std::shared_ptr<std::atomic<bool>> lastHasGone_;  // set when its claim on the node has ended
+    std::deque<ControlRecord> left_;                  // that the last run had read ahead
     StreamOptions leftBy_{};
 
     SourceState state_;
