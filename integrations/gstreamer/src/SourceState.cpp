@@ -50,11 +50,7 @@ bool SourceState::KnowsCaps(StreamReader& reader, std::uint32_t serial) {
         return true;
     }
     refusedSerial_ = serial;
-    GST_ELEMENT_WARNING(
-        source_, STREAM, FORMAT,
-        ("ring %s: the caps of what waits in it are not known any more", name_.c_str()),
-        ("Its writer has gone, or has changed them since. The property caps helps "
-         "if they are always the same."));
+    WarnOfUnknownCaps();
     return false;
 }
 
