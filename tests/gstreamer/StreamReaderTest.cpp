@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <thread>
 
 #include "ChildProcess.h"
@@ -213,6 +215,39 @@ TEST_F(StreamReaderTest, WaitEndsWithoutAPost) {
         spinner.Wait();
     }
     EXPECT_EQ(WakeUps(name_.Name(), 1), 0);
+}
+
+/// What the race detector has to find sound: one thread reads round the ring while another gives
+/// back and looks at the figures.
+TEST_F(StreamReaderTest, OneThreadReadsWhileAnotherGivesBackAndLooks) {
+    constexpr std::int64_t kCount = 400;
+    constexpr std::int64_t kNone = -1;
+    StreamReader reader(Options(name_.Name(), 1, true));
+    std::atomic<std::int64_t> handed{kNone};
+    std::atomic<bool> isDone{false};
+    std::thread giver([&] {
+        while (!isDone || handed != kNone) {
+            if (const std::int64_t ticket = handed.exchange(kNone); ticket != kNone) {
+                EXPECT_TRUE(reader.HandOn(static_cast<InOrderRelease::Ticket>(ticket)));
+            }
+            EXPECT_LE(reader.Fillers(), static_cast<std::uint64_t>(kCount));
+        }
+    });
+    for (std::int64_t i = 0; i < kCount; ++i) {
+        EXPECT_EQ(NumberedPacket(i, 7000).SendWaitingBy(writer_), WriteOutcome::Written);
+        const auto received = reader.TryNext();
+        EXPECT_TRUE(received && received->packet.header.pts == i) << i;
+        while (received && handed != kNone) {
+            std::this_thread::yield();
+        }
+        if (received) {
+            handed = static_cast<std::int64_t>(received->ticket);
+        }
+    }
+    isDone = true;
+    giver.join();
+    EXPECT_GT(reader.Fillers(), 0U);
+    EXPECT_EQ(reader.GetOutstanding().packets, 0U);
 }
 
 TEST_F(StreamReaderTest, CountsFillersAndDoesNotDeliverThem) {
