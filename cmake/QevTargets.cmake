@@ -23,6 +23,14 @@ function(qev_settings target)
     endif()
 endfunction()
 
+# qev_quick_to_build(target): of a build with sanitizers, whose programs are not measured, what is
+# slow to optimise is not optimised.
+function(qev_quick_to_build target)
+    if(QEV_SANITIZERS)
+        target_compile_options(${target} PRIVATE -O0 -g1)
+    endif()
+endfunction()
+
 # qev_library(name VERSION_SCRIPT file SOURCES ... HEADERS ...): the shared library
 # libqev_<name>.so, exported as qev::<name>, and its static twin qev_<name>_static of the same
 # objects, for tests of what the library keeps to itself. Both take what is linked to
