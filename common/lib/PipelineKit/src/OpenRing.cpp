@@ -15,7 +15,11 @@ namespace {
 
 /// Sizes a fresh object, and refuses one of another size. The lock on `file` is held.
 void SizeObject(const ShmFile& file, const SharedBufferIF::BufferInfo& info) {
-    const auto length = static_cast<std::uint64_t>(file.Stat().st_size);
+    const struct stat status = file.Stat();
+    if (!S_ISREG(status.st_mode)) {
+        file.Fail("use", EINVAL);
+    }
+    const auto length = static_cast<std::uint64_t>(status.st_size);
     if (length != 0 && length != info.shmSize + kControlBlockSize) {
         throw std::invalid_argument(
             "ring " + info.shmName + " exists with a size of " +

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -17,10 +18,11 @@ namespace qel {
 /// Descriptor of a ring's object, closed at the end.
 class ShmFile {
 public:
-    /// Opens the object of the ring `name`; -1 and `errno` when that fails.
+    /// Opens the object of the ring `name`; -1 and `errno` when that fails. Does not wait, not even
+    /// for the other end of a FIFO that stands in the object's place.
     ShmFile(std::string name, int flags)
         : name_(std::move(name)),
-          fd_(shm_open(RingObjectName(name_).c_str(), flags | O_CLOEXEC, kMode)) {}
+          fd_(shm_open(RingObjectName(name_).c_str(), flags | O_CLOEXEC | O_NONBLOCK, kMode)) {}
     ~ShmFile() {
         if (IsOpen()) {
             (void)close(fd_);
@@ -46,12 +48,22 @@ public:
 
     /// Gives the object memory for a data area of `size` bytes; what it holds stays.
     void Reserve(std::uint64_t size) const {
-        int error = EINTR;
-        while (error == EINTR) {
-            error = posix_fallocate(fd_, 0, static_cast<off_t>(size + kControlBlockSize));
-        }
-        if (error != 0) {
-            Fail("reserve " + std::to_string(size + kControlBlockSize) + " bytes for", error);
+        // What is interrupted has reserved nothing, and on older kernels every signal interrupts:
+        // of a large object, the part that is done between two signals is done first. From the end,
+        // which gives the object its whole length at once.
+        constexpr off_t kLeastPart = 1 << 16;
+        const auto length = static_cast<off_t>(size + kControlBlockSize);
+        off_t part = length;
+        for (off_t left = length; left > 0;) {
+            part = std::min(part, left);
+            const int error = posix_fallocate(fd_, left - part, part);
+            if (error == 0) {
+                left -= part;
+            } else if (error == EINTR) {
+                part = std::max(part / 2, kLeastPart);
+            } else {
+                Fail("reserve " + std::to_string(length) + " bytes for", error);
+            }
         }
     }
 
