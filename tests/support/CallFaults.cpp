@@ -1,6 +1,5 @@
 #include "CallFaults.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -12,17 +11,20 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <iterator>
+
+#include "CallWrapping.h"
 
 namespace qel::test {
 namespace {
 
 std::atomic<CallFaults*> active{nullptr};
-thread_local bool inside = false;  // a wrapper's own work is not recorded
+thread_local bool unseen = false;  // a wrapper's own work is not recorded
 
-/// The C library's function of that name.
-template <typename Function>
-Function* Next(const char* name) {
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}  // namespace
+
+CallFaults* Recorder() {
+    return unseen ? nullptr : active.load();
 }
 
 std::string PathOf(int descriptor) {
@@ -33,27 +35,24 @@ std::string PathOf(int descriptor) {
                       : std::string(target.data(), static_cast<std::size_t>(length));
 }
 
-template <typename... Numbers>
-std::string List(const std::string& first, Numbers... numbers) {
-    return (first + ... + (", " + std::to_string(numbers)));
+CallFaults::Unseen::Unseen() : before_(unseen) {
+    unseen = true;
 }
 
-/// Asks the active recorder, with `arguments` made only if there is one.
-template <typename Arguments>
-CallFaults::Verdict Ask(const char* operation, const Arguments& arguments) {
-    CallFaults* const faults = active.load();
-    if (faults == nullptr || inside) {
-        return {};
-    }
-    const int error = errno;
-    inside = true;
-    CallFaults::Verdict verdict = faults->Note(operation, arguments());
-    if (verdict.before) {
-        verdict.before();
-    }
-    inside = false;
-    errno = verdict.error != 0 ? verdict.error : error;
-    return verdict;
+CallFaults::Unseen::~Unseen() {
+    unseen = before_;
+}
+
+namespace {
+
+/// Something whose end runs `action`, unseen by the recorder.
+std::shared_ptr<void> AtTheEnd(std::function<void()> action) {
+    return {nullptr, [action = std::move(action)](void* /*unused*/) {
+                const int error = errno;
+                const CallFaults::Unseen unrecorded;
+                action();
+                errno = error;
+            }};
 }
 
 }  // namespace
@@ -71,6 +70,38 @@ void CallFaults::FailNth(const std::string& operation, int nth, int error) {
     plans_.emplace(operation, Planned{nth, {false, -1, error, {}, {}}});
 }
 
+void CallFaults::FailFrom(const std::string& operation, int nth, int error, int calls) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    plans_.emplace(operation, Planned{nth, {false, -1, error, {}, {}}, calls});
+}
+
+void CallFaults::Lift() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    plans_.clear();
+}
+
+int CallFaults::Refusals() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return refusals_;
+}
+
+void CallFaults::Owe(std::function<void()> call) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    owed_.push_back(std::move(call));
+}
+
+void CallFaults::MakeUpForRefused() {
+    std::vector<std::function<void()>> owed;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        owed.swap(owed_);
+    }
+    const Unseen unrecorded;
+    for (const auto& call : owed) {
+        call();
+    }
+}
+
 void CallFaults::AnswerNth(const std::string& operation, int nth, long result) {
     const std::lock_guard<std::mutex> lock(mutex_);
     plans_.emplace(operation, Planned{nth, {false, result, 0, {}, {}}});
@@ -84,6 +115,11 @@ void CallFaults::EditNthFstat(int nth, std::function<void(struct stat&)> edit) {
 void CallFaults::BeforeNth(const std::string& operation, int nth, std::function<void()> action) {
     const std::lock_guard<std::mutex> lock(mutex_);
     plans_.emplace(operation, Planned{nth, {true, 0, 0, {}, std::move(action)}});
+}
+
+void CallFaults::AfterNth(const std::string& operation, int nth, std::function<void()> action) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    plans_.emplace(operation, Planned{nth, {true, 0, 0, {}, {}}, 1, std::move(action)});
 }
 
 void CallFaults::Alias(const std::string& text, const std::string& alias) {
@@ -123,13 +159,17 @@ CallFaults::Verdict CallFaults::Note(const std::string& operation, const std::st
     Verdict verdict;
     const auto [first, last] = plans_.equal_range(operation);
     for (auto plan = first; plan != last;) {
-        if (--plan->second.countdown == 0) {
+        if (--plan->second.countdown <= 0) {
             verdict = plan->second.verdict;
-            plan = plans_.erase(plan);
+            if (plan->second.after) {
+                verdict.after = AtTheEnd(plan->second.after);
+            }
+            plan = --plan->second.calls == 0 ? plans_.erase(plan) : std::next(plan);
         } else {
             ++plan;
         }
     }
+    refusals_ += verdict.make ? 0 : 1;
     return verdict;
 }
 
@@ -139,8 +179,6 @@ using qel::test::Ask;
 using qel::test::List;
 using qel::test::Next;
 using qel::test::PathOf;
-
-#define QEV_WRAPPER extern "C" __attribute__((visibility("default")))
 
 QEV_WRAPPER int open(const char* path, int flags, ...) {
     std::va_list rest;
@@ -184,8 +222,10 @@ QEV_WRAPPER int fcntl(int descriptor, int command, ...) {
     void* const argument = va_arg(rest, void*);
     va_end(rest);
     const auto verdict = Ask("fcntl", [&] {
-        return List(PathOf(descriptor), command,
-                    static_cast<int>(reinterpret_cast<std::intptr_t>(argument)));
+        const std::string call = List(PathOf(descriptor), command);
+        return command == F_SETFD || command == F_SETFL
+                   ? List(call, static_cast<int>(reinterpret_cast<std::intptr_t>(argument)))
+                   : call;
     });
     static auto* const next = Next<int(int, int, ...)>("fcntl");
     return verdict.make ? next(descriptor, command, argument) : static_cast<int>(verdict.result);
@@ -219,7 +259,11 @@ QEV_WRAPPER void* mmap(void* address, std::size_t length, int protection, int fl
 QEV_WRAPPER int munmap(void* address, std::size_t length) noexcept {
     const auto verdict = Ask("munmap", [&] { return std::to_string(length); });
     static auto* const next = Next<int(void*, std::size_t)>("munmap");
-    return verdict.make ? next(address, length) : static_cast<int>(verdict.result);
+    if (!verdict.make) {
+        qel::test::Owe([address, length] { next(address, length); });
+        return static_cast<int>(verdict.result);
+    }
+    return next(address, length);
 }
 
 QEV_WRAPPER int ftruncate(int descriptor, off_t length) noexcept {
@@ -238,11 +282,16 @@ QEV_WRAPPER int posix_fallocate(int descriptor, off_t offset, off_t length) {
     return verdict.make ? next(descriptor, offset, length) : verdict.error;
 }
 
-// Never refused: whatever close reports, the descriptor is gone.
+// Whatever close reports, the descriptor is gone.
 QEV_WRAPPER int close(int descriptor) {
-    (void)Ask("close", [&] { return PathOf(descriptor); });
+    const auto verdict = Ask("close", [&] { return PathOf(descriptor); });
     static auto* const next = Next<int(int)>("close");
-    return next(descriptor);
+    const int result = next(descriptor);
+    if (verdict.make) {
+        return result;
+    }
+    errno = verdict.error;
+    return static_cast<int>(verdict.result);
 }
 
 // Reads as many arguments as the widest call has, whether its caller gave them or not.
@@ -255,14 +304,15 @@ QEV_WRAPPER __attribute__((no_sanitize("address"))) long syscall(long number, ..
     }
     va_end(rest);
     static auto* const next = Next<long(long, ...)>("syscall");
+    qel::test::CallFaults::Verdict verdict;
     if (number == SYS_memfd_create) {
-        const auto verdict = Ask("memfd_create", [&] {
+        verdict = Ask("memfd_create", [&] {
             // NOLINTNEXTLINE(performance-no-int-to-ptr)
             return List(reinterpret_cast<const char*>(arguments[0]), arguments[1]);
         });
-        if (!verdict.make) {
-            return verdict.result;
-        }
+    }
+    if (!verdict.make) {
+        return verdict.result;
     }
     return next(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
                 arguments[5]);
