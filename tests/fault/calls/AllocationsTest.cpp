@@ -101,10 +101,10 @@ std::string Failure(const Use& use, const Names& names, int first, bool lasts, i
 
 class ShortMemory : public ::testing::Test {
 protected:
-    ShortMemory() {
+    void SetUp() override {
         LogControl::SetSink([](const LogRecord& /*record*/) {});
     }
-    ~ShortMemory() override { LogControl::SetSink({}); }
+    void TearDown() override { LogControl::SetSink({}); }
 
     /// `use` throws std::bad_alloc or one of its texts, or succeeds; it leaves nothing behind, and
     /// succeeds afterwards.

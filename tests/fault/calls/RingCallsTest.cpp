@@ -33,7 +33,7 @@ SMStatusCode WriteOne(SharedPacketBufferIF& ring) {
 /// Reads a packet and releases it; what it held.
 std::vector<unsigned char> ReadOne(SharedPacketBufferIF& ring) {
     const ReadNextPacketResult read = ring.ReadNextPacket();
-    const std::vector<unsigned char> content(read.packet.data.begin(), read.packet.data.end());
+    std::vector<unsigned char> content(read.packet.data.begin(), read.packet.data.end());
     EXPECT_EQ(ring.ReleasePacket(read.packet), SMStatusCode::SUCCESS);
     return content;
 }
