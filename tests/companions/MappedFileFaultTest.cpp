@@ -128,6 +128,16 @@ TEST_F(AFailingMappedFile, StaysAsItWasWhenItCannotBeCut) {
     EXPECT_EQ(ReadFile(path_), "hello");
 }
 
+TEST_F(AFailingMappedFile, TellsWhyItCouldNotBeCutAlsoWhenItCannotUnmapEither) {
+    MappedFile file(path_, true);
+    faults_.FailNth("ftruncate", 1, EPERM);
+    faults_.FailNth("munmap", 1, EINVAL);
+
+    EXPECT_FALSE(file.TruncateTo(3));
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(Text(file), "hello");
+}
+
 TEST_F(AFailingMappedFile, StaysAsItWasWhenItCannotBeCutToNothing) {
     MappedFile file(path_, true);
     const unsigned char* const data = file.Data();

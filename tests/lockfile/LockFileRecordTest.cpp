@@ -1,3 +1,5 @@
+#include <sys/mman.h>
+
 #include <cerrno>
 #include <numeric>
 
@@ -32,6 +34,26 @@ TEST_F(LockFileRecord, StandsBehindAFlagAndSevenZeros) {
     EXPECT_EQ(ReadFile(path_), std::string(1, '\1') + std::string(7, '\0') +
                                    std::string(counting_.begin(), counting_.end()));
     EXPECT_THAT(log_.Records(), IsEmpty());
+}
+
+using LockFileRecordDeathTest = LockFileRecord;
+
+TEST_F(LockFileRecordDeathTest, IsNotMarkedAsSetWhenItsWriterDiesOverTheCopy) {
+    Make();
+    void* const unreadable =
+        ::mmap(nullptr, sizeof(Record), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(unreadable, MAP_FAILED);
+
+    EXPECT_DEATH(
+        {
+            OpenLockFile writer(path_);
+            writer.LockExclusive();
+            (void)writer.Write(unreadable, sizeof(Record), 0);
+        },
+        "");
+
+    EXPECT_EQ(ReadFile(path_), std::string(40, '\0'));
+    ::munmap(unreadable, sizeof(Record));
 }
 
 TEST_F(LockFileRecord, IsReadBackUnderEitherLock) {

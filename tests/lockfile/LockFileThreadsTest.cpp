@@ -106,6 +106,23 @@ TEST_F(LockFileBetweenThreads, IsBusyForATryWhileAnotherThreadWaitsForTheFile) {
     ExpectFree();
 }
 
+TEST_F(LockFileBetweenThreads, IsReleasedWithoutWaitingForAThreadThatWaits) {
+    OpenLockFile& lock = Make();
+    lock.LockExclusive();
+    auto taken = other_.StartBlocked([&] { lock.LockShared(); }, SYS_futex);
+    ASSERT_FALSE(IsReady(taken));
+
+    Worker third;
+    auto released = third.StartBlocked([&] { lock.UnlockShared(); }, SYS_futex);
+    EXPECT_TRUE(IsReady(released));
+
+    lock.UnlockExclusive();
+    taken.get();
+    released.get();
+    other_.Do([&] { lock.UnlockShared(); });
+    ExpectFree();
+}
+
 TEST_F(LockFileBetweenThreads, IsNotWaitedForAfterASignal) {
     struct sigaction before {};
     struct sigaction action {};
