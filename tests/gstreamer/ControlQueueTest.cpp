@@ -17,6 +17,7 @@ namespace {
 
 using testing::_;
 using testing::NiceMock;
+using testing::Return;
 
 /// A control ring that holds what a test puts there, and notes in which order it goes.
 class ScriptedRing {
@@ -279,6 +280,22 @@ TEST(ControlQueueOnARing, ReadsWhatAWriterHasGatheredAndHandsItOn) {
         EXPECT_EQ(event->text, text);
         EXPECT_FALSE(queue.TakeEvent());
     }
+}
+
+TEST(ControlQueueOfForgedCounters, GivesUpWhenARecordCannotBeHandedOn) {
+    NiceMock<MockPacketBuffer> ring;
+    int reads = 0;
+    ON_CALL(ring, DoReadNextPacket()).WillByDefault([&reads] {
+        const bool isEndless = ++reads < 1000;
+        const auto status = isEndless ? SMStatusCode::SUCCESS : SMStatusCode::DATA_NOT_AVAILABLE;
+        return ReadNextPacketResult{{}, 0, status};
+    });
+    ON_CALL(ring, DoReleasePacket(_)).WillByDefault(Return(SMStatusCode::INVALID_PARAMETER));
+    ControlQueue queue(ring);
+    EXPECT_FALSE(queue.Take(Packet()).details);
+    EXPECT_FALSE(queue.FindState(1));
+    EXPECT_FALSE(queue.TakeEvent());
+    EXPECT_EQ(reads, 3);
 }
 
 }  // namespace

@@ -141,6 +141,21 @@ TEST_F(ForgedRecords, TextsThatAreNoneArePassedOver) {
     ExpectStreamToGoOn();
 }
 
+TEST_F(ForgedRecords, TextsThatNestWithoutEndArePassedOver) {
+    const std::string beginnings[] = {
+        "segment, rate=", "taglist, title=", "custom, x=", "serial 1\ncaps a/b, x=",
+        "serial 2\ncaps a/b\nsegment segment, x="};
+    constexpr ControlKind kKinds[] = {ControlKind::Segment, ControlKind::Tags, ControlKind::Custom,
+                                      ControlKind::State, ControlKind::State};
+    for (const char bracket : {'[', '{', '<', '('}) {
+        for (std::size_t i = 0; i < std::size(kKinds); ++i) {
+            writer_.Tell(kKinds[i], beginnings[i] + std::string(90000, bracket),
+                         MakeEventHead(kKinds[i]));
+            ExpectStreamToGoOn();
+        }
+    }
+}
+
 TEST_F(ForgedRecords, CapsThatAreNoneAreNotThoseOfTheStream) {
     for (const std::string& text :
          {std::string(), std::string("\xff\xfe"), std::string("ANY"), std::string("EMPTY"),

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <fstream>
 #include <thread>
 
 #include "ChildProcess.h"
@@ -260,6 +261,22 @@ TEST_F(StreamReaderTest, CountsFillersAndDoesNotDeliverThem) {
         EXPECT_TRUE(reader.HandOn(received->ticket));
     }
     EXPECT_EQ(reader.Fillers(), 2U);  // three packets go into the ring's length
+}
+
+TEST_F(StreamReaderTest, IsBrokenOnceAPacketCannotBeGivenBack) {
+    StreamReader reader(Options(name_.Name(), 1, true));
+    Send(2);
+    const auto received = reader.TryNext();
+    ASSERT_TRUE(received);
+    // A writer that claims all the space, and has handed it on as well.
+    std::fstream file("/dev/shm/" + name_.Name() + ".shm",
+                      std::ios::in | std::ios::out | std::ios::binary);
+    const std::uint64_t all = 100000;
+    file.write(reinterpret_cast<const char*>(&all), sizeof(all));
+    file.close();
+    EXPECT_FALSE(reader.HandOn(received->ticket));
+    ASSERT_TRUE(reader.TryNext());
+    EXPECT_EQ(reader.TryNext()->outcome, ReadOutcome::Broken);
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ bool Belong(const ControlRecord& record, const Packet& packet) {
 }  // namespace
 
 /// Reads one record and hands it on at once, so that the next node has it before the packet.
+/// @return false if there is none, or if the counters let no end be expected
 bool ControlQueue::Pull() {
     const ReadNextPacketResult read = ring_.ReadNextPacket();
     if (read.status != SMStatusCode::SUCCESS) {
@@ -31,8 +32,7 @@ bool ControlQueue::Pull() {
             records_.push_back(std::move(*record));
         }
     }
-    (void)ring_.ReleasePacket(read.packet);
-    return true;
+    return ring_.ReleasePacket(read.packet) == SMStatusCode::SUCCESS;
 }
 
 ControlQueue::Match ControlQueue::Take(const Packet& packet) {

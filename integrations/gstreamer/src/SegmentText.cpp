@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "ForeignText.h"
 #include "GstHandles.h"
 
 namespace qel {
@@ -29,6 +30,9 @@ std::string TextOf(const GstSegment& segment) {
 }
 
 std::optional<GstSegment> SegmentFromText(const std::string& text) {
+    if (!IsSafeToParse(text)) {
+        return std::nullopt;
+    }
     const StructureHandle fields(gst_structure_from_string(text.c_str(), nullptr));
     GstSegment segment;
     gst_segment_init(&segment, GST_FORMAT_TIME);

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "CaptureTime.h"
+#include "ForeignText.h"
 #include "GstHandles.h"
 #include "SegmentText.h"
 
@@ -18,7 +19,7 @@ void SourcePad::Reset(bool alignTime) {
 }
 
 bool SourcePad::SetCaps(const std::string& text) {
-    const CapsHandle caps(gst_caps_from_string(text.c_str()));
+    const CapsHandle caps(IsSafeToParse(text) ? gst_caps_from_string(text.c_str()) : nullptr);
     if (!caps || gst_caps_is_fixed(caps.get()) == FALSE) {
         GST_WARNING_OBJECT(source_, "caps that are none: %s", text.c_str());
         return false;
@@ -43,7 +44,7 @@ void SourcePad::SetSegment(const std::string& text, bool startsAnew) {
 
 void SourcePad::SendTags(const std::string& text, GstTagScope scope) {
     constexpr std::string_view kBeginning = "taglist";  // which the parser insists on
-    if (text.compare(0, kBeginning.size(), kBeginning) != 0) {
+    if (text.compare(0, kBeginning.size(), kBeginning) != 0 || !IsSafeToParse(text)) {
         return;
     }
     if (auto* const tags = gst_tag_list_new_from_string(text.c_str()); tags != nullptr) {
@@ -53,6 +54,9 @@ void SourcePad::SendTags(const std::string& text, GstTagScope scope) {
 }
 
 void SourcePad::SendCustom(const std::string& text) {
+    if (!IsSafeToParse(text)) {
+        return;
+    }
     auto* const fields = gst_structure_from_string(text.c_str(), nullptr);
     if (fields == nullptr) {
         return;

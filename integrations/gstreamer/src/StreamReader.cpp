@@ -4,6 +4,9 @@ namespace qel {
 
 std::optional<ReceivedPacket> StreamReader::TryNext() {
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (isBroken_) {
+        return ReceivedPacket{ReadOutcome::Broken, 0, {}};
+    }
     auto received = packets_.TryNext();
     if (received) {
         node_.WorkDone();
@@ -12,14 +15,15 @@ std::optional<ReceivedPacket> StreamReader::TryNext() {
 }
 
 bool StreamReader::HandOn(InOrderRelease::Ticket ticket) {
-    SMStatusCode status = SMStatusCode::SUCCESS;
+    bool isSound = false;
     node_.SignalNext();
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        status = packets_.Release(ticket);
+        isSound = packets_.Release(ticket) == SMStatusCode::SUCCESS;
+        isBroken_ = isBroken_ || !isSound;
     }
     node_.SignalNext();
-    return status == SMStatusCode::SUCCESS;
+    return isSound;
 }
 
 std::optional<ControlRecord> StreamReader::TakeEvent() {

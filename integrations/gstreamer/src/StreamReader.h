@@ -31,7 +31,8 @@ public:
           packets_(node_.Ring()),
           control_(node_.Control()) {}
 
-    /// Takes the next packet or end mark; nothing if none waits.
+    /// Takes the next packet or end mark; nothing if none waits. Once a packet could not be given
+    /// back, because the counters are inconsistent, the ring is broken.
     std::optional<ReceivedPacket> TryNext();
 
     /// Gives a packet back: it goes on to the next node when all older ones have been given back.
@@ -73,6 +74,7 @@ private:
     std::uint64_t recovered_;
     mutable std::mutex mutex_;
     PacketReader packets_;
+    bool isBroken_ = false;  // guarded by mutex_
     ControlQueue control_;
 };
 
