@@ -88,7 +88,7 @@ void ForgeHead(ControlHead& head, Input& input) {
 
 ForgedStream::ForgedStream(Input& input)
     // Small, and the segment ends with a page: what lies behind it faults.
-    : size_((1 + input.Choice(4)) * 4096 - sizeof(ControlBlock)),
+    : size_((1 + std::uint64_t{input.Choice(4)}) * 4096 - sizeof(ControlBlock)),
       ring_(OpenRing({name_.Name(), size_, 0, false, input.Choice(4) == 0 ? 3U : 0U})),
       control_(OpenRing({names_.control, ControlRingSize(size_), 0, false, 0})),
       rawRing_(std::make_unique<RawWriter>(names_.ring, size_)),
