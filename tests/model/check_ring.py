@@ -129,7 +129,9 @@ def run_search(work, run):
     broken = broken_property(report)
     if broken:
         raise Failure(f"{title}: {broken}")
-    if "max search depth too small" in report and flags != BITSTATE:
+    # Out of memory it ends with "errors: 0" too.
+    if "Search not completed" in report or (
+            "max search depth too small" in report and flags != BITSTATE):
         raise Failure(f"{title}: not all states were searched")
     states = number_in(report, r"(\S+) states, stored")
     memory = number_in(report, r"(\S+)\s+total actual memory usage")

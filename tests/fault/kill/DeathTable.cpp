@@ -56,14 +56,12 @@ void DeathTable::Replace(const std::string& text) const {
 std::vector<Row> DeathTable::Rows() const {
     std::istringstream lines(Text());
     std::vector<Row> rows;
-    std::string operation;
     for (std::string line; std::getline(lines, line);) {
         const std::vector<std::string> cells = Cells(line);
         if (cells.size() != 6 || cells[0] == "operation" || cells[0].rfind("---", 0) == 0) {
             continue;
         }
-        operation = cells[0].empty() ? operation : cells[0];
-        rows.push_back({operation, cells[1], cells[2], cells[3], cells[4], cells[5]});
+        rows.push_back({cells[0], cells[1], cells[2], cells[3], cells[4], cells[5]});
     }
     return rows;
 }

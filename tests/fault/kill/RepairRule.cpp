@@ -1,5 +1,6 @@
 #include "RepairRule.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstring>
@@ -40,6 +41,21 @@ std::optional<std::array<std::uint64_t, kMaxNodes>> Stretches(const RingView& ri
     return stretches;
 }
 
+/// Nothing if one of the stretches does not begin and end with a record.
+std::optional<std::uint32_t> CountAllRecords(
+    const RingView& ring, const std::array<std::uint64_t, kMaxNodes>& stretches) {
+    std::uint32_t sum = 0;
+    for (gsl::index node = 1; node <= ring.sink; ++node) {
+        const auto records =
+            CountRecords(ring, gsl::at(ring.control.rIdx, node).load(), gsl::at(stretches, node));
+        if (!records) {
+            return std::nullopt;
+        }
+        sum += *records;
+    }
+    return sum;
+}
+
 bool AllBytesWaitAtOneNode(const RingView& ring) {
     for (const auto& avail : ring.control.avail) {
         if (avail.load() == ring.size) {
@@ -49,11 +65,15 @@ bool AllBytesWaitAtOneNode(const RingView& ring) {
     return false;
 }
 
-/// True for a ring that looks empty or full: all indices are equal. It is full only if a critical
+/// True if nothing was ever written, as in a segment that was never initialised.
+bool HasHeldNothing(const RingView& ring) {
+    return std::all_of(ring.data, ring.data + ring.size, [](auto byte) { return byte == 0; });
+}
+
+/// All indices of a full ring are equal, as those of an empty one. It is full only if a critical
 /// packet took the last byte.
 bool LooksFull(const RingView& ring, std::uint64_t freeBytes) {
-    return freeBytes == ring.size && ring.control.avail[0].load() == 0 &&
-           (ring.control.wIdx[0].load() != 0 || ring.control.avail[1].load() != 0);
+    return freeBytes == ring.size && ring.control.avail[0].load() == 0 && !HasHeldNothing(ring);
 }
 
 }  // namespace
@@ -98,7 +118,8 @@ std::optional<EndOfRecords> FindEnd(const RingView& ring) {
     }
     const std::uint64_t ahead = ring.Distance(given, written);
     const auto inTaking = RecordAt(ring, readIndex);
-    if (inTaking && inTaking->length == ahead && RecordsFill(ring, readIndex, waiting + ahead)) {
+    if (inTaking && inTaking->length == ahead && waiting + ahead <= ring.size &&
+        RecordsFill(ring, readIndex, waiting + ahead)) {
         return EndOfRecords{written, Found::ReaderTaking};
     }
     const auto atIndex = RecordAt(ring, written);
@@ -126,10 +147,13 @@ bool PutRight(const RingView& ring, std::uint32_t maxFrames) {
         return false;
     }
     if (LooksFull(ring, (*stretches)[0])) {
-        return AllBytesWaitAtOneNode(ring);
+        if (!AllBytesWaitAtOneNode(ring)) {
+            return false;
+        }
+        control.wIdx[0].store(end->offset);
+        return true;
     }
-    const auto oldest = gsl::at(control.rIdx, ring.sink).load();
-    const auto records = CountRecords(ring, oldest, ring.size - (*stretches)[0]);
+    const auto records = CountAllRecords(ring, *stretches);
     if (!records) {
         return false;
     }

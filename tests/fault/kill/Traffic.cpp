@@ -115,6 +115,7 @@ void Sights::operator|=(const Sights& other) {
     writeNoSpace |= other.writeNoSpace;
     writeInvalid |= other.writeInvalid;
     undefined |= other.undefined;
+    outside |= other.outside;
     smaller |= other.smaller;
     countHigh |= other.countHigh;
 }
@@ -135,6 +136,7 @@ std::vector<std::string> Sights::Words() const {
     add(readRefused, "reads answer `INVALID_PARAMETER`");
     add(releaseRefused, "releases answer `INVALID_PARAMETER`");
     add(undefined, "an undefined status");
+    add(outside, "memory outside the data area");
     add(smaller, "the ring stays smaller");
     add(countHigh, "the count stays too high");
     return all;
@@ -232,6 +234,11 @@ private:
     }
 
     void Note(std::uint8_t node, const Packet& packet) {
+        const ByteSpan area = nodes_[node]->ReadData(0, ring_.Form().size).data;
+        const auto start = packet.data.data() - area.data();
+        sights_.outside |=
+            !packet.data.empty() &&
+            (start < 0 || static_cast<std::uint64_t>(start) + packet.data.size() > area.size());
         const std::int64_t number = packet.header.pts;
         if (!IsIntact(packet)) {
             sights_.torn = true;

@@ -77,6 +77,7 @@ struct Sights {
     bool writeNoSpace = false;    ///< NOT_ENOUGH_SPACE for ever
     bool writeInvalid = false;    ///< INVALID_PARAMETER for ever
     bool undefined = false;       ///< any other status
+    bool outside = false;         ///< a packet that is not all in the data area
     bool smaller = false;         ///< at rest not all bytes are free
     bool countHigh = false;       ///< at rest there are still packets counted
 

@@ -36,6 +36,9 @@ struct Names {
     UniqueSemaphoreName semaphore;
 };
 
+// More than the limits below, less than a container's /dev/shm of 64 MiB.
+constexpr std::uint64_t kLargeSize = 24U << 20U;
+
 using Attempt = std::string (*)(const Names&);
 
 constexpr Attempt kOpenRing = [](const Names& names) { return TryRing(names.ring.Name()); };
@@ -65,13 +68,13 @@ constexpr Attempt kMakeLockFile = [](const Names& names) {
     return TryWriter(names.newFile.Name());
 };
 constexpr Attempt kOpenLargeRing = [](const Names& names) {
-    return TryRing(names.ring.Name(), 1U << 26U);
+    return TryRing(names.ring.Name(), kLargeSize);
 };
 constexpr Attempt kOpenLargeRingWithKit = [](const Names& names) {
-    return TryOpenRing(names.newRing.Name(), 1U << 26U);
+    return TryOpenRing(names.newRing.Name(), kLargeSize);
 };
 constexpr Attempt kMakeLargeBlock = [](const Names& names) {
-    return TryWriter(names.newBlock.Name(), 1U << 26U);
+    return TryWriter(names.newBlock.Name(), kLargeSize);
 };
 
 /// A limit that leaves `left` of what the process has now.
@@ -117,7 +120,8 @@ protected:
             (void)TryRing("no/ring");
             (void)TryReader("no/block");
             (void)Result([] { throw RingError("", 0); });
-            while (::dup(0) < kHighest) {  // leaves no gaps among the descriptors
+            // Leaves no gaps among the descriptors.
+            for (int last = 0; last != -1 && last < kHighest; last = ::dup(0)) {
             }
             const int next = NextDescriptor();
             const Holdings before = HoldingsOf("qev-test");
@@ -249,7 +253,7 @@ INSTANTIATE_TEST_SUITE_P(
                         kRefused + "Problem Allocating Shared Memory\n"
                                    "{} Problem Allocating Shared Memory - 27"},
                     Row{"RingOfPipelineKit", kOpenLargeRingWithKit, kOnePage,
-                        "ring {}: cannot reserve 67109016 bytes for /{}.shm: 27(File too large)"},
+                        "ring {}: cannot reserve 25165976 bytes for /{}.shm: 27(File too large)"},
                     Row{"CreatingWriter", kMakeLargeBlock, kOnePage,
                         "failed to create shared memory: failed to ftruncate shared memory"},
                     Row{"LockFile", kMakeLockFile, kTenBytes,

@@ -65,7 +65,7 @@ private:
 /// Its memory file has a descriptor number that others have free.
 void MakeAndHold(const std::string& name, const Conversation& test) {
     constexpr int kFree = 100;
-    while (::dup(0) < kFree) {
+    for (int last = 0; last != -1 && last < kFree; last = ::dup(0)) {
     }
     SharedMemoryBlockWriter writer(name, kBlockSize);
     test.Say("made");
