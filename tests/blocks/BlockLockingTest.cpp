@@ -1,6 +1,7 @@
 #include <limits>
 
 #include "FaultyBlockFixture.h"
+#include "SharedMemoryBlock.h"
 #include "Worker.h"
 
 namespace qel::test {

@@ -138,8 +138,10 @@ TEST(AFileDescriptor, ClosesWhatItHeldWithItsOwnCloserBeforeItTakesOver) {
     std::vector<int> closedBySecond;
     {
         FileDescriptor descriptor(70, Noting(closedByFirst));
-        descriptor = FileDescriptor(71, Noting(closedBySecond));
+        FileDescriptor from(71, Noting(closedBySecond));
+        descriptor = std::move(from);
 
+        EXPECT_EQ(from.Get(), -1);  // NOLINT(bugprone-use-after-move): left in this state
         EXPECT_THAT(closedByFirst, ElementsAre(70));
         EXPECT_THAT(closedBySecond, IsEmpty());
         EXPECT_EQ(descriptor.Get(), 71);

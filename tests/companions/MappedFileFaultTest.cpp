@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <cerrno>
+#include <limits>
 #include <string>
 
 #include "CallFaults.h"
@@ -84,6 +85,14 @@ TEST_F(AFailingMappedFile, StaysAsItWasWhenThereIsNoRoomToGrow) {
     EXPECT_EQ(errno, ENOSPC);
     ExpectUntouched(file, data);
     EXPECT_EQ(ReadFile(path_), "hello");
+}
+
+TEST_F(AFailingMappedFile, AsksTheSystemForEveryLengthThatAFileCanHave) {
+    MappedFile file(path_, true);
+    faults_.FailNth("posix_fallocate", 1, ENOSPC);
+
+    EXPECT_FALSE(file.TruncateTo(std::numeric_limits<off_t>::max()));
+    EXPECT_EQ(errno, ENOSPC);
 }
 
 TEST_F(AFailingMappedFile, StaysMappedAsItWasWhenItCannotBeCutToAGreaterLength) {

@@ -1,6 +1,7 @@
 #include <sys/file.h>
 
 #include <cerrno>
+#include <set>
 #include <system_error>
 
 #include "LockFileFixture.h"
@@ -32,6 +33,17 @@ TEST_F(LockFileUnlocking, OfAFileThatIsNotOpenIsRefusedWithoutAPath) {
         ExpectFails([&] { operation.run(unusable); }, operation.name,
                     "Attempted to unlock invalid LockFile ");
     }
+}
+
+TEST_F(LockFileUnlocking, IsRefusedBeforeALockInMemoryIsTaken) {
+    OpenLockFile& unusable = MakeUnusable();
+    std::set<int> calls;  // those of the log are the same for all
+    for (const Operation& operation : UnlockOperations()) {
+        CountMutexCalls("pthread_mutex_lock");
+        EXPECT_THROW(operation.run(unusable), std::runtime_error);
+        calls.insert(MutexCalls("pthread_mutex_lock"));
+    }
+    EXPECT_EQ(calls.size(), 1U);
 }
 
 TEST_F(LockFileUnlocking, OfAProcessLeavesTheLocksInMemoryAlone) {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "ProcessState.h"
 #include "Sys.h"
 #include "SysFactory.h"
 #include "UniqueRingName.h"
@@ -150,6 +151,14 @@ TEST_F(RealSemaphore, TwoArgumentsOpenWhatIsThere) {
     EXPECT_EQ(SEM_FAILED, sys_->sem_open(Name(), 0));
     EXPECT_EQ(ENOENT, errno);
     ExpectRefused(ENOENT, [&] { return sys_->sem_unlink(Name()); });
+}
+
+TEST_F(RealSemaphore, IsMappedUntilItIsClosed) {
+    const auto mapped = [] { return HoldingsOf("/dev/shm/sem.").mappings; };
+    const int before = mapped();
+    EXPECT_EQ(0, sys_->sem_close(semaphore_));
+    semaphore_ = SEM_FAILED;
+    EXPECT_EQ(mapped(), before - 1);
 }
 
 TEST_F(RealSemaphore, WaitsTakeUnitsAndPostsGiveThem) {
