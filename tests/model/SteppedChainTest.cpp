@@ -1,20 +1,15 @@
 #include <gmock/gmock.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "LongForm.h"
 #include "SteppedChain.h"
 #include "SteppedPlans.h"
 
 namespace qel::test {
 namespace {
-
-bool IsLong() {
-    const char* const wish = std::getenv("QEV_TEST_LONG");
-    return wish != nullptr && std::string(wish) == "1";
-}
 
 void ExpectSound(const Interleavings::Result& result) {
     std::cout << result.runs << " runs, " << result.states << " states, up to " << result.steps
@@ -89,7 +84,7 @@ TEST_P(EveryOrderOfTheRing, DeliversAllAndKeepsAllPromises) {
 }
 
 TEST(OrdersOfTheRing, OfTheLongFormDeliversAllToo) {
-    if (!IsLong()) {
+    if (!IsLongForm()) {
         GTEST_SKIP() << "QEV_TEST_LONG=1 runs it";
     }
     for (const auto& [name, plan] : LongExhaustivePlans()) {
@@ -104,12 +99,12 @@ INSTANTIATE_TEST_SUITE_P(Plans, EveryOrderOfTheRing, testing::ValuesIn(Exhaustiv
 TEST(OrdersOfTheRing, WithFewPreemptionsOverSeveralLapsKeepAllPromises) {
     for (const std::uint32_t maxFrames : {0U, 2U}) {
         SteppedChain chain(LongPlan(3, maxFrames, 0));
-        ExpectSound(chain.SearchAll(IsLong() ? 3 : 1));
+        ExpectSound(chain.SearchAll(IsLongForm() ? 3 : 1));
     }
 }
 
 TEST(OrdersOfTheRing, OfFiveNodesAtRandomKeepAllPromises) {
-    const std::uint64_t runs = IsLong() ? 20'000 : 500;
+    const std::uint64_t runs = IsLongForm() ? 20'000 : 500;
     for (const std::uint32_t maxFrames : {0U, 3U}) {
         for (const std::size_t kept : {0U, 1U}) {
             SteppedChain chain(LongPlan(5, maxFrames, kept));

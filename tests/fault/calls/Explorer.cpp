@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <set>
 #include <string>
 #include <tuple>
 
 #include "CallFaults.h"
 #include "FaultyRun.h"
+#include "LongForm.h"
 #include "RunCount.h"
 
 namespace qel::test {
@@ -34,12 +34,6 @@ std::vector<Position> PositionsOf(const std::vector<std::string>& calls) {
         positions.push_back({call, operation, ++seen[call], ofOperation, positions.size()});
     }
     return positions;
-}
-
-/// Asked for by the environment; the short form is for every build.
-bool IsLongForm() {
-    const char* const wish = std::getenv("QEV_TEST_LONG");
-    return wish != nullptr && std::string(wish) == "1";
 }
 
 class Exploration {

@@ -13,6 +13,7 @@
 #include "DeathTable.h"
 #include "Examination.h"
 #include "KillableChain.h"
+#include "LongForm.h"
 
 namespace qel::test {
 namespace {
@@ -81,9 +82,7 @@ std::uint64_t Seed() {
 }
 
 int Kills() {
-    const char* const wish = std::getenv("QEV_TEST_LONG");
-    const bool isLong = wish != nullptr && std::string(wish) == "1";
-    return isLong ? 10000 : kThreadSanitizer ? 50 : 150;
+    return IsLongForm() ? 10000 : kThreadSanitizer ? 50 : 150;
 }
 
 class RandomKills : public testing::TestWithParam<std::uint32_t> {
