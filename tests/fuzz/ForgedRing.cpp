@@ -7,6 +7,7 @@
 #include "CapturedLog.h"
 #include "Ends.h"
 #include "ForgedSegment.h"
+#include "InPlaceWriter.h"
 #include "Interference.h"
 #include "SharedBuffer.h"
 #include "SharedPacketBuffer.h"
@@ -40,6 +41,12 @@ void RequireRead(SMStatusCode status) {
             "status of a read");
 }
 
+/// Reserving and handing on what was reserved know these.
+bool IsReserved(SMStatusCode status) {
+    return IsAnyOf(status, {SMStatusCode::SUCCESS, SMStatusCode::INVALID_PARAMETER,
+                            SMStatusCode::NOT_ENOUGH_SPACE});
+}
+
 class Run {
 public:
     explicit Run(Input& input) : input_(input), segment_(input) {
@@ -59,6 +66,7 @@ private:
     void Read(Actor& actor);
     void Count(Actor& actor);
     void WritePacket(Actor& actor);
+    void WriteInPlace(Actor& actor);
     void ReadPacket(Actor& actor);
     void ReleasePacket(Actor& actor);
     void Look(Actor& actor);
@@ -281,6 +289,9 @@ void Run::WritePacket(Actor& actor) {
     Packet packet{{}, bytes};
     packet.header.length = input_.Take<std::uint64_t>();
     SMStatusCode status = SMStatusCode::SUCCESS;
+    if (packet.header.length % 4 == 3) {  // what the corpus holds keeps its meaning
+        return WriteInPlace(actor);
+    }
     switch (input_.Choice(3)) {
         case 0:
             status = actor.packets->WritePacket(packet);
@@ -296,6 +307,23 @@ void Run::WritePacket(Actor& actor) {
     Require(IsAnyOf(status, {SMStatusCode::SUCCESS, SMStatusCode::INVALID_PARAMETER,
                              SMStatusCode::NOT_ENOUGH_SPACE}),
             "status of a packet's write");
+}
+
+void Run::WriteInPlace(Actor& actor) {
+    InPlaceWriter writer(*actor.packets);
+    const std::uint64_t size = input_.Edge(segment_.Size());
+    const ReadResult room = writer.Reserve(size);
+    Require(IsReserved(room.status), "status of a reservation");
+    segment_.RequireWithin(room.data);
+    Require(writer.HasReservation() == (room.status == SMStatusCode::SUCCESS),
+            "a reservation is held if there is room, and only then");
+    if (room.status == SMStatusCode::SUCCESS) {
+        Require(room.data.size() == size, "the room is as large as was asked for");
+        std::fill(room.data.begin(), room.data.end(), static_cast<unsigned char>(0x5A));
+        const SMStatusCode status = writer.Commit({}, input_.Flag() ? size : size / 2);
+        // The index may have been forged since: then there is no such place.
+        Require(status == SMStatusCode::WILL_WRAP || IsReserved(status), "status of a commit");
+    }
 }
 
 void Run::ReadPacket(Actor& actor) {

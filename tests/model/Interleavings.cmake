@@ -4,7 +4,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(xxhash REQUIRED IMPORTED_TARGET libxxhash)
 
 set(ring_directory ${PROJECT_SOURCE_DIR}/common/lib/SharedMemory/src)
-set(ring_sources SharedBuffer.cpp SharedBufferAccounting.cpp SharedBufferRead.cpp
+set(ring_sources CopyPastCache.cpp SharedBuffer.cpp SharedBufferRead.cpp SharedBufferRefusals.cpp
                  SharedBufferWrite.cpp SharedPacketBuffer.cpp)
 
 # qev_stepped_objects(target SOURCES...): objects that report their accesses.
@@ -54,12 +54,22 @@ function(qev_ring_mutant name source failure)
                 ${ring_directory}/${source} ${mutated}
         DEPENDS seed_fault.py ${ring_directory}/${source}
         VERBATIM)
-    qev_stepped_objects(qev_mutant_${name}_ring ${mutated})
+    if(source MATCHES "\\.h$")
+        # All who include it have to be compiled beside it.
+        foreach(file SharedBuffer.h ${ring_sources})
+            configure_file(${ring_directory}/${file} ${directory}/${file} COPYONLY)
+        endforeach()
+        list(TRANSFORM ring_sources PREPEND ${directory}/ OUTPUT_VARIABLE compiled)
+        set_source_files_properties(${compiled} PROPERTIES OBJECT_DEPENDS ${mutated})
+        set(others)
+    else()
+        set(compiled ${mutated})
+        set(others $<FILTER:$<TARGET_OBJECTS:qev_stepped_ring>,EXCLUDE,/${source}\\.o$>)
+    endif()
+    qev_stepped_objects(qev_mutant_${name}_ring ${compiled})
     add_executable(
-        qev_mutant_${name}
-        $<TARGET_OBJECTS:qev_mutant_main> $<TARGET_OBJECTS:qev_stepped_chain>
-        $<TARGET_OBJECTS:qev_mutant_${name}_ring>
-        $<FILTER:$<TARGET_OBJECTS:qev_stepped_ring>,EXCLUDE,/${source}\\.o$>)
+        qev_mutant_${name} $<TARGET_OBJECTS:qev_mutant_main> $<TARGET_OBJECTS:qev_stepped_chain>
+                           $<TARGET_OBJECTS:qev_mutant_${name}_ring> ${others})
     set_target_properties(qev_mutant_${name} PROPERTIES LINKER_LANGUAGE CXX)
     qev_settings(qev_mutant_${name})
     qev_stepped_program(qev_mutant_${name})
@@ -70,9 +80,9 @@ endfunction()
 if(Python3_FOUND)
     qev_ring_mutant(HandOnBeforeCopy SharedBufferWrite.cpp "a payload is not what was written")
     qev_ring_mutant(ReleaseBeforeRead SharedPacketBuffer.cpp "a payload is not what was written")
-    qev_ring_mutant(SubtractNotAtomic SharedBufferAccounting.cpp "bytes are not conserved")
-    qev_ring_mutant(AddNotAtomic SharedBufferAccounting.cpp "bytes are not conserved")
-    qev_ring_mutant(AddRelaxed SharedBufferAccounting.cpp
+    qev_ring_mutant(SubtractNotAtomic SharedBufferAccounting.h "bytes are not conserved")
+    qev_ring_mutant(AddNotAtomic SharedBufferAccounting.h "bytes are not conserved")
+    qev_ring_mutant(AddRelaxed SharedBufferAccounting.h
                     "an access is not sequentially consistent")
     qev_ring_mutant(HeaderRoomDropped SharedBufferWrite.cpp "a write reports 1")
     qev_ring_mutant(SpaceNotChecked SharedBufferWrite.cpp "a packet is overwritten")

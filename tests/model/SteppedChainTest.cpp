@@ -27,7 +27,7 @@ void Append(std::vector<std::string>& lines, int node, const std::vector<std::st
 // "read 4" is maxPackets, which does not change.
 const std::vector<std::string> kChecks{"load avail[0]", "read 4", "load numPackets",
                                        "load wIdx[0]"};
-const std::vector<std::string> kHeaderWritten{"write 16", "write 10"};
+const std::vector<std::string> kHeaderWritten{"write 8", "write 8", "write 8", "write 2"};
 const std::vector<std::string> kCountedAndHandedOn{
     "read 4",        "add numPackets", "load avail[0]", "subtract avail[0]",
     "load avail[1]", "add avail[1]",   "load wIdx[0]",  "store wIdx[0]"};
@@ -38,8 +38,8 @@ void AppendRead(std::vector<std::string>& lines, int node) {
     const std::string index = "rIdx[" + std::to_string(node) + "]";
     Append(
         lines, node,
-        {"load " + avail, "load " + index, "read 16", "read 10", "load " + avail, "load " + index,
-         "load " + avail, "subtract " + avail, "load " + index, "store " + index});
+        {"load " + avail, "load " + index, "read 8", "read 8", "read 8", "read 2", "load " + avail,
+         "load " + index, "load " + avail, "subtract " + avail, "load " + index, "store " + index});
 }
 
 TEST(StepsOfTheRing, AreThoseOfTheModelInItsOrder) {

@@ -24,8 +24,8 @@ FAULTS = {
     ],
     "ReleaseBeforeRead": [
         ("    return " + RELEASING, "    (void)packet;\n    return SMStatusCode::SUCCESS;\n"),
-        ("    packet.data = payload.data;\n",
-         "    packet.data = payload.data;\n    (void)" + RELEASING),
+        ("    next.packet.data = payload.data;\n",
+         "    next.packet.data = payload.data;\n    const Packet& packet = next.packet;\n    (void)" + RELEASING),
     ],
     "SubtractNotAtomic": [("avail.fetch_sub(size)", "avail.store(available - size)")],
     "AddNotAtomic": [("avail.fetch_add(size)", "avail.store(available + size)")],

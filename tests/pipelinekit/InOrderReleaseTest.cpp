@@ -80,6 +80,48 @@ TEST_F(InOrderReleaseTest, FinishingTwiceOrUnknownTicketsHasNoEffect) {
     EXPECT_EQ(releases_.ReleaseFinished(), SMStatusCode::SUCCESS);
 }
 
+TEST_F(InOrderReleaseTest, ReleaseFinishesAPacketAndGivesBackAllThatIsDue) {
+    const auto first = Add(0);
+    const auto second = Add(1);
+    (void)Add(2);
+    EXPECT_EQ(releases_.Release(second), SMStatusCode::SUCCESS);
+    ExpectReleases({0, 1});
+    EXPECT_EQ(releases_.Release(first), SMStatusCode::SUCCESS);
+    EXPECT_EQ(releases_.Release(first), SMStatusCode::SUCCESS);
+    EXPECT_EQ(releases_.GetOutstanding().packets, 1U);
+}
+
+TEST_F(InOrderReleaseTest, AnOldTicketDoesNotFinishThePacketThatHasItsPlaceNow) {
+    constexpr InOrderRelease::Ticket kPlaces = 16;
+    EXPECT_CALL(ring_, DoReleasePacket).WillOnce(Return(SMStatusCode::SUCCESS));
+    const auto old = Add(0);
+    EXPECT_EQ(releases_.Release(old), SMStatusCode::SUCCESS);
+    for (InOrderRelease::Ticket added = 0; added < kPlaces; ++added) {
+        (void)Add(0);
+    }
+    EXPECT_FALSE(releases_.Finish(old));
+    EXPECT_EQ(releases_.Release(old), SMStatusCode::SUCCESS);
+    EXPECT_EQ(releases_.GetOutstanding().packets, kPlaces);
+}
+
+TEST_F(InOrderReleaseTest, WhatIsFinishedStaysSoWhenMorePacketsAreHeldThanThereWasRoomFor) {
+    constexpr std::int64_t kMany = 100;
+    std::vector<InOrderRelease::Ticket> tickets;
+    for (std::int64_t pts = 0; pts < kMany; ++pts) {
+        tickets.push_back(Add(pts));
+        if (pts % 2 != 0) {
+            EXPECT_TRUE(releases_.Finish(tickets.back()));
+        }
+    }
+    std::vector<std::int64_t> order;
+    for (std::int64_t pts = 0; pts < kMany; ++pts) {
+        EXPECT_EQ(releases_.Finish(tickets[static_cast<std::size_t>(pts)]), pts % 2 == 0);
+        order.push_back(pts);
+    }
+    ExpectReleases(order);
+    EXPECT_EQ(releases_.ReleaseFinished(), SMStatusCode::SUCCESS);
+}
+
 TEST_F(InOrderReleaseTest, OutstandingCountsWhatHasNotGoneBackWithItsHeaders) {
     const auto first = Add(0, 100);
     (void)Add(1, 7);

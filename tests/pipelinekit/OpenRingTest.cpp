@@ -7,11 +7,15 @@
 
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
+#include "ChildProcess.h"
 #include "MockPacketBuffer.h"
+#include "NodeClaim.h"
 #include "OpenRing.h"
 #include "RingError.h"
 #include "RingObject.h"
@@ -153,6 +157,37 @@ TEST(OpenRing, WhoeverComesFirstAllSeeThePacketLimit) {
             opener.join();
         }
         EXPECT_THAT(limits, testing::Each(7));
+    }
+}
+
+/// Asks by a lease who uses the ring, and gives it back when somebody comes.
+int AskByLease(const UniqueRingName& name, const Conversation& test) {
+    sigset_t signals;
+    (void)sigemptyset(&signals);
+    (void)sigaddset(&signals, SIGURG);
+    (void)sigprocmask(SIG_BLOCK, &signals, nullptr);
+    const int file = open(name.Path().c_str(), O_RDONLY | O_CLOEXEC);
+    if (fcntl(file, F_SETSIG, SIGURG) != 0 || fcntl(file, F_SETLEASE, F_RDLCK) != 0) {
+        test.Say("refused");
+        return 0;
+    }
+    test.Say("asks");
+    (void)sigwaitinfo(&signals, nullptr);
+    return fcntl(file, F_SETLEASE, F_UNLCK);
+}
+
+TEST(OpenRing, WaitsWhileSomebodyAsksWhoUsesTheRing) {
+    const UniqueRingName name;
+    (void)OpenRing(Info(name, 0, false));
+    const std::function<void()> openers[] = {[&] { (void)OpenRing(Info(name, 0, false)); },
+                                             [&] { const NodeClaim claim(name.Name(), 1); }};
+    for (const auto& open : openers) {
+        ChildProcess asker([&](const Conversation& test) { return AskByLease(name, test); });
+        if (asker.Hear() == "refused") {
+            GTEST_SKIP() << "no leases here";
+        }
+        EXPECT_NO_THROW(open());
+        EXPECT_EQ(asker.Wait(), 0);
     }
 }
 

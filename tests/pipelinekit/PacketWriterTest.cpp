@@ -133,5 +133,33 @@ TEST(PacketWriter, RulesAgreeWithTheRingAtEveryWritePosition) {
     }
 }
 
+TEST(PacketWriter, WaitsForRoomToWriteInPlace) {
+    const UniqueRingName name;
+    const auto producer = OpenRing({name.Name(), kSize, 0, false, 0});
+    const auto sink = OpenRing({name.Name(), kSize, 1, true, 0});
+    const OwnedPacket first(600);
+    ASSERT_EQ(producer->WritePacket(first.Get()), SMStatusCode::SUCCESS);
+    int asked = 0;
+    PacketWriter writer(*producer, kSize, WaitMode::Adaptive, [&] {
+        const auto next = sink->ReadNextPacket();
+        if (next.status == SMStatusCode::SUCCESS) {
+            EXPECT_EQ(sink->ReleasePacket(next.packet), SMStatusCode::SUCCESS);
+        }
+        return ++asked == 100;
+    });
+    InPlaceWriter inPlace(*producer);
+    ByteSpan room;
+    EXPECT_EQ(writer.Reserve(inPlace, 500, room), WriteOutcome::Written);
+    EXPECT_EQ(room.size(), 500U);
+    EXPECT_EQ(writer.Reserve(inPlace, kSize, room), WriteOutcome::NeverFits);
+    EXPECT_EQ(writer.Reserve(inPlace, 10, room), WriteOutcome::Broken) << "one is held";
+    inPlace.GiveUp();
+    const OwnedPacket second(600);
+    ASSERT_EQ(producer->WritePacket(second.Get()), SMStatusCode::SUCCESS);
+    PacketWriter stopped(*producer, kSize, WaitMode::Adaptive, Always);
+    EXPECT_EQ(stopped.Reserve(inPlace, 500, room), WriteOutcome::Stopped);
+    EXPECT_FALSE(inPlace.HasReservation());
+}
+
 }  // namespace
 }  // namespace qel::test

@@ -74,6 +74,15 @@ TEST(PaddingAhead, ReachesToTheEndOfTheRingIfThePacketHasNoRoomAheadOfIt) {
     EXPECT_EQ(PaddingAhead(9974, 100, 10000), 0U);
 }
 
+TEST(PaddingAhead, LeavesTheRoomBehindThePayloadThatIsAskedFor) {
+    const std::uint64_t index = 64 * 160 - kControlBlockSize - kPacketHeaderSize;  // aligned
+    const std::uint64_t exactly = index + kPacketHeaderSize + 400;
+    EXPECT_EQ(PaddingAhead(index, 400, exactly), std::nullopt);
+    EXPECT_EQ(PaddingAhead(index, 400, exactly, 26), 400U) << "to the ring's end";
+    EXPECT_EQ(PaddingAhead(index, 400, 10000, 26), std::nullopt);
+    EXPECT_NE(PaddingAhead(1, 5000, 10000, 26), std::nullopt) << "half the ring, as without";
+}
+
 TEST(PaddingAhead, LeavesPacketsOfMoreThanHalfTheRingAsTheyAre) {
     EXPECT_NE(PaddingAhead(1, 5000, 10000), std::nullopt);
     EXPECT_EQ(PaddingAhead(1, 5001, 10000), std::nullopt);

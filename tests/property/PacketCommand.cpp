@@ -5,9 +5,9 @@
 namespace qel::test {
 
 std::ostream& operator<<(std::ostream& stream, const PacketCommand& command) {
-    static constexpr std::array<const char*, 11> kNames{
+    static constexpr std::array<const char*, 12> kNames{
         "Write",     "WriteMultiData", "ReadNext", "Release",  "ReleaseSeveral", "ReleaseWrong",
-        "PassAllOn", "ReadData",       "Print",    "Capacity", "Reopen"};
+        "PassAllOn", "ReadData",       "Print",    "Capacity", "Reopen",         "WriteInPlace"};
     return stream << kNames.at(static_cast<std::size_t>(command.kind)) << "(node " << command.node
                   << ", shape " << command.shape << ", amount " << command.amount
                   << (command.critical ? ", critical)" : ")");
@@ -20,6 +20,7 @@ rc::Gen<std::vector<PacketCommand>> ArbitraryPacketCommands() {
     };
     const auto kind = rc::gen::weightedElement<Kind>({{14, Kind::Write},
                                                       {7, Kind::WriteMultiData},
+                                                      {7, Kind::WriteInPlace},
                                                       {10, Kind::ReadNext},
                                                       {10, Kind::Release},
                                                       {2, Kind::ReleaseSeveral},

@@ -21,6 +21,7 @@ struct PacketCommand {
         Print,
         Capacity,
         Reopen,
+        WriteInPlace,  ///< reserves, fills, and hands on all of it or less, or gives it up
     };
 
     Kind kind;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "InPlaceWriter.h"
+
 namespace qel::test {
 
 using reference::Bytes;
@@ -24,6 +26,9 @@ void PacketRun::Do(const PacketCommand& command) {
         case Kind::Write:
         case Kind::WriteMultiData:
             Write(command);
+            break;
+        case Kind::WriteInPlace:
+            WriteInPlace(command);
             break;
         case Kind::ReadNext:
             // What node 0 would read is free space.
@@ -153,6 +158,35 @@ void PacketRun::Write(const PacketCommand& command) {
         CompareStatus(pair.actual->WritePacket(packet),
                       pair.expected->Write(fields, payload, false));
     }
+}
+
+void PacketRun::WriteInPlace(const PacketCommand& command) {
+    constexpr unsigned kProducer = 0;
+    Pair& pair = nodes_.at(kProducer);
+    InPlaceWriter writer(*pair.actual);
+    const std::uint64_t size = PayloadLength(command, kProducer);
+    const ReadResult room = writer.Reserve(size);
+    const reference::Seen expected = pair.expected->Reserve(twin_.Expected(), kProducer, size);
+    CompareStatus(room.status, expected.status);
+    twin_.CompareView(room.data, expected);
+    twin_.Compare();  // but for a filler, nobody has seen it
+    if (room.status != SMStatusCode::SUCCESS) {
+        return;
+    }
+    CompareStatus(writer.Reserve(0).status, reference::Status::InvalidParameter);
+    if (command.critical) {
+        writer.GiveUp();
+        events_.Note("reservation given up");
+        return;
+    }
+    const Bytes payload =
+        twin_.FreshBytes(command.node % 2 == 0 ? size : command.amount % (size + 1));
+    std::copy(payload.begin(), payload.end(), room.data.begin());
+    const Fields fields{size + 1, false, -5, true, command.amount, command.shape};
+    events_.Note(payload.size() < size ? "less used than was reserved"
+                                       : "all used that was reserved");
+    CompareStatus(writer.Commit(HeaderOf(fields), payload.size()),
+                  pair.expected->Commit(twin_.Expected(), expected.offset, fields, payload));
 }
 
 bool PacketRun::ReadNext(Pair& pair) {

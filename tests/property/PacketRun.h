@@ -51,6 +51,7 @@ private:
 
     void Open(unsigned node, std::uint32_t maxFrames);
     void Write(const PacketCommand& command);
+    void WriteInPlace(const PacketCommand& command);
     bool ReadNext(Pair& pair);
     void Release(Pair& pair);
     void ReleaseSeveral(Pair& pair, std::size_t count);

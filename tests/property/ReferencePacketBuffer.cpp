@@ -42,17 +42,8 @@ Status PacketNode::WriteAll(Fields fields, const std::vector<Bytes>& spans, bool
     if (first.status != Status::WillWrap) {
         return first.status;
     }
-    Fields filler;
-    filler.length = first.index - kHeader;
-    filler.ignoreData = true;
-    const Written filled = ring_.WriteHeaderSkipPayload(filler.Image(), filler.length);
-    if (filled.status == Status::WillWrap || filled.status == Status::NotEnoughSpace) {
-        events_.Note("no room for a filler");
-        return Status::InvalidParameter;
-    }
-    if (filled.status != Status::Success) {
-        events_.Note("filler failed otherwise");
-        return filled.status;
+    if (const Status filled = Fill(first.index); filled != Status::Success) {
+        return filled;
     }
     const Written second = ring_.WriteHeaderMultiData(header, spans, fields.length, critical);
     if (second.status == Status::WillWrap) {
@@ -62,6 +53,61 @@ Status PacketNode::WriteAll(Fields fields, const std::vector<Bytes>& spans, bool
     events_.Note(second.status == Status::NotEnoughSpace ? "no space after the filler"
                                                          : "written after a filler");
     return second.status;
+}
+
+Status PacketNode::Fill(std::uint64_t room) {
+    Fields filler;
+    filler.length = room - kHeader;
+    filler.ignoreData = true;
+    const Written filled = ring_.WriteHeaderSkipPayload(filler.Image(), filler.length);
+    if (filled.status == Status::WillWrap || filled.status == Status::NotEnoughSpace) {
+        events_.Note("no room for a filler");
+        return Status::InvalidParameter;
+    }
+    if (filled.status != Status::Success) {
+        events_.Note("filler failed otherwise");
+    }
+    return filled.status;
+}
+
+Seen PacketNode::Reserve(const Segment& segment, unsigned node, std::uint64_t size) {
+    const auto refuse = [this](const char* situation, Status status) {
+        events_.Note(situation);
+        return Seen{0, 0, status};
+    };
+    const auto hasRoom = [&](std::uint32_t packets) {
+        return segment.avail.at(node) >= size + 6 * kHeader &&
+               (segment.maxPackets == 0 || segment.numPackets + packets <= segment.maxPackets);
+    };
+    if (size + 2 * kHeader > segment.size) {
+        return refuse("reservation that can never be", Status::InvalidParameter);
+    }
+    if (!hasRoom(1)) {
+        return refuse("no room to reserve", Status::NotEnoughSpace);
+    }
+    if (segment.wIdx.at(node) + size + 2 * kHeader > segment.size) {
+        if (!hasRoom(2)) {
+            return refuse("no room to reserve behind a filler", Status::NotEnoughSpace);
+        }
+        if (const Status filled = Fill(segment.size - segment.wIdx.at(node));
+            filled != Status::Success) {
+            return refuse("filler ahead of a reservation failed", filled);
+        }
+        if (!hasRoom(1)) {
+            return refuse("no room to reserve after the filler", Status::NotEnoughSpace);
+        }
+        events_.Note("reserved after a filler");
+    }
+    return {segment.wIdx.at(node) + kHeader, size, Status::Success};
+}
+
+Status PacketNode::Commit(Segment& segment, std::uint64_t place, Fields fields,
+                          const Bytes& payload) {
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+        segment.data.at(place + i) = payload.at(i);
+    }
+    fields.length = payload.size();
+    return ring_.WriteHeaderSkipPayload(fields.Image(), payload.size()).status;
 }
 
 ReadPacket PacketNode::ReadNext(const Segment& segment) {

@@ -25,8 +25,9 @@ using StopPredicate = std::function<bool()>;
 /// Thread use: one thread at a time uses one object.
 class IdleStrategy {
 public:
-    static constexpr unsigned kSpins = 128;  ///< rounds that spin in the adaptive mode
-    static constexpr unsigned kYields = 32;  ///< rounds that yield after them
+    static constexpr unsigned kSpins = 128;   ///< rounds that spin in the adaptive mode
+    static constexpr unsigned kYields = 128;  ///< rounds that yield after them: about as long as
+                                              ///< the shortest sleep takes, with its waking up
     static constexpr std::chrono::microseconds kShortestSleep{16};
     static constexpr std::chrono::microseconds kLongestSleep{1000};
 

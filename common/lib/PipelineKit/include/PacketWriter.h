@@ -6,6 +6,7 @@
 
 #include "ByteSpan.h"
 #include "IdleStrategy.h"
+#include "InPlaceWriter.h"
 #include "Packet.h"
 #include "SMStatusCode.h"
 #include "SharedPacketBufferIF.h"
@@ -44,6 +45,11 @@ public:
 
     /// Writes an ordinary packet with a payload gathered from `spans`; its own data is ignored.
     WriteOutcome WriteGathered(const Packet& packet, const std::vector<ByteSpan>& spans);
+
+    /// Reserves room for a payload of up to `size` bytes, see InPlaceWriter::Reserve, and sets
+    /// `room` to it. Written: it is reserved.
+    /// @param inPlace  of the same ring, without a reservation
+    WriteOutcome Reserve(InPlaceWriter& inPlace, std::uint64_t size, ByteSpan& room);
 
 private:
     template <typename Attempt>

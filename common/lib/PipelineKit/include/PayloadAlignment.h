@@ -23,9 +23,11 @@ inline constexpr std::uint64_t kPayloadAlignment = 64;
 /// @param writeIndex  where the next record goes
 /// @param payload     bytes of the packet's payload; one of more than half the ring is not aligned
 /// @param ringSize    bytes of the ring's data area
+/// @param behind      bytes for which there must be room behind the payload
 /// @return nothing if the packet can be written as it is
 [[nodiscard]] std::optional<std::uint64_t> PaddingAhead(std::uint64_t writeIndex,
                                                         std::uint64_t payload,
-                                                        std::uint64_t ringSize) noexcept;
+                                                        std::uint64_t ringSize,
+                                                        std::uint64_t behind = 0) noexcept;
 
 }  // namespace qel

@@ -69,7 +69,8 @@ struct Gap {
 ///     up to that place whenever the neighbour is between two operations.
 ///  2. It lowers the counter by a record's length before it moves the index on by as much. In
 ///     between the place comes out too low by the record: too much seems left, never too little.
-///     The one exception is a filler, ahead of which the writer moves its index on by the header.
+///     The exceptions are a filler and a packet made in place: ahead of these the writer moves its
+///     index on by the header.
 ///  3. Only this node raises the counter. So a look at the counter between two equal looks at the
 ///     index belongs to that index.
 ///

@@ -5,17 +5,16 @@
 namespace qel {
 
 std::optional<ReceivedPacket> PacketReader::TryNext() {
-    const ReceivedPacket kBroken{ReadOutcome::Broken, 0, {}};
     while (true) {
         if (releases_.ReleaseFinished() != SMStatusCode::SUCCESS) {
-            return kBroken;
+            return ReceivedPacket{ReadOutcome::Broken, 0, {}};
         }
         const ReadNextPacketResult read = ring_.ReadNextPacket();
         if (read.status == SMStatusCode::DATA_NOT_AVAILABLE) {
             return std::nullopt;
         }
         if (read.status != SMStatusCode::SUCCESS) {
-            return kBroken;
+            return ReceivedPacket{ReadOutcome::Broken, 0, {}};
         }
         const InOrderRelease::Ticket ticket = releases_.Add(read.packet);
         if (!read.packet.header.ignoreData) {
@@ -40,8 +39,7 @@ ReceivedPacket PacketReader::Next() {
 }
 
 SMStatusCode PacketReader::Release(InOrderRelease::Ticket ticket) {
-    releases_.Finish(ticket);
-    return releases_.ReleaseFinished();
+    return releases_.Release(ticket);
 }
 
 }  // namespace qel

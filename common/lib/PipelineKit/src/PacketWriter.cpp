@@ -53,4 +53,16 @@ WriteOutcome PacketWriter::WriteGathered(const Packet& packet, const std::vector
     return UntilWritten(false, [&] { return ring_.WriteMultiDataPacket(packet, spans); });
 }
 
+WriteOutcome PacketWriter::Reserve(InPlaceWriter& inPlace, std::uint64_t size, ByteSpan& room) {
+    const auto largest = LargestPayload(ringSize_);
+    if (!largest || size > *largest) {
+        return WriteOutcome::NeverFits;
+    }
+    return UntilWritten(false, [&] {
+        const ReadResult reserved = inPlace.Reserve(size);
+        room = reserved.data;
+        return reserved.status;
+    });
+}
+
 }  // namespace qel

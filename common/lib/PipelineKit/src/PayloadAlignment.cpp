@@ -30,8 +30,8 @@ std::uint64_t WriteIndexOf(SharedPacketBufferIF& ring, unsigned node) {
 }
 
 std::optional<std::uint64_t> PaddingAhead(std::uint64_t writeIndex, std::uint64_t payload,
-                                          std::uint64_t ringSize) noexcept {
-    const std::uint64_t record = kPacketHeaderSize + payload;
+                                          std::uint64_t ringSize, std::uint64_t behind) noexcept {
+    const std::uint64_t record = kPacketHeaderSize + payload + behind;
     constexpr std::uint64_t kMostPadding = kPacketHeaderSize + kPayloadAlignment;
     if (payload > ringSize / 2 || record + kMostPadding + kCriticalReserve > ringSize ||
         writeIndex > ringSize - kPacketHeaderSize) {

@@ -18,11 +18,15 @@ namespace qel {
 /// Descriptor of a ring's object, closed at the end.
 class ShmFile {
 public:
-    /// Opens the object of the ring `name`; -1 and `errno` when that fails. Does not wait, not even
-    /// for the other end of a FIFO that stands in the object's place.
+    /// Opens the object of the ring `name`; -1 and `errno` when that fails. Does not wait for the
+    /// other end of a FIFO that stands in the object's place, but for a lease to be given back, by
+    /// which somebody asks at this moment who uses the ring.
     ShmFile(std::string name, int flags)
-        : name_(std::move(name)),
-          fd_(shm_open(RingObjectName(name_).c_str(), flags | O_CLOEXEC | O_NONBLOCK, kMode)) {}
+        : name_(std::move(name)), fd_(Open(flags | O_CLOEXEC | O_NONBLOCK)) {
+        if (fd_ == -1 && errno == EWOULDBLOCK) {
+            fd_ = Open(flags | O_CLOEXEC);
+        }
+    }
     ~ShmFile() {
         if (IsOpen()) {
             (void)close(fd_);
@@ -68,6 +72,10 @@ public:
     }
 
 private:
+    [[nodiscard]] int Open(int flags) const noexcept {
+        return shm_open(RingObjectName(name_).c_str(), flags, kMode);
+    }
+
     // What the library itself asks for, so that it makes no difference who comes first.
     static constexpr mode_t kMode = 0666;
 

@@ -5,10 +5,12 @@
 
 #include <cerrno>
 #include <gsl/assert>
+#include <gsl/util>
 #include <memory>
 #include <stdexcept>
 #include <utility>
 
+#include "CopyPastCache.h"
 #include "LogClient.h"
 #include "SharedBufferLog.h"
 
@@ -58,7 +60,7 @@ struct Unmapper {
         if (sys->munmap(start, length) == -1) {
             LogFailure(errno);
         }
-        delete dataArea;
+        delete static_cast<const RingArea*>(dataArea);
     }
 
 private:
@@ -122,7 +124,7 @@ void SharedBuffer::AllocateShm(int fd, std::uint64_t segmentSize) {
 
 void SharedBuffer::MapShm(int fd, std::uint64_t shmSize, std::uint64_t segmentSize) {
     // All that allocates comes before the mapping, so that no failure can lose it.
-    auto dataArea = std::make_unique<ByteSpan>();
+    auto dataArea = std::make_unique<RingArea>();
     std::function<void(ByteSpan*)> unmap = Unmapper{sys_};
 
     void* const start = sys_->mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -135,7 +137,9 @@ void SharedBuffer::MapShm(int fd, std::uint64_t shmSize, std::uint64_t segmentSi
 
     // The span accepts every length but one, so its contract is checked here.
     Expects(static_cast<std::int64_t>(shmSize) >= 0);
-    *dataArea = ByteSpan(static_cast<unsigned char*>(start) + sizeof(ControlBlock), shmSize);
+    static_cast<ByteSpan&>(*dataArea) =
+        ByteSpan(static_cast<unsigned char*>(start) + sizeof(ControlBlock), shmSize);
+    dataArea->pastCacheFrom = PastCacheFrom(shmSize, LargestCache());
     dataArea_ = DataArea(dataArea.release(), std::move(unmap));
     control_ = static_cast<ControlBlock*>(start);
 }

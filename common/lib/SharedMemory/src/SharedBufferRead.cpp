@@ -1,5 +1,6 @@
 // Reading records in place, handing their bytes on, and telling the ring's state.
 
+#include <algorithm>
 #include <gsl/util>
 #include <sstream>
 #include <string>
@@ -10,48 +11,40 @@
 
 namespace qel {
 
-using std::to_string;
-
 ReadResult SharedBuffer::DoReadData(std::uint64_t index, std::uint64_t length) {
     const std::uint64_t size = ShmSize();
-    if (index > size) {
-        SetError("DoReadData",
-                 " Invalid Read Index: " + to_string(index) + " Size: " + to_string(size));
-        return {{}, SMStatusCode::INVALID_PARAMETER};
+    if (index > size || length > size) {
+        return RefuseView(index, length);
     }
-    if (length > size) {
-        SetError("DoReadData",
-                 " Invalid Read Length: " + to_string(length) + " Size: " + to_string(size));
-        return {{}, SMStatusCode::INVALID_PARAMETER};
-    }
-    if (index + length >= size) {
-        return {dataArea_->subspan(index), SMStatusCode::SUCCESS};
-    }
-    return {dataArea_->subspan(index, length), SMStatusCode::SUCCESS};
+    return {dataArea_->subspan(index, std::min(length, size - index)), SMStatusCode::SUCCESS};
 }
 
-ReadResult SharedBuffer::DoReadHeader(std::uint64_t length) {
+[[gnu::flatten]] ReadResult SharedBuffer::DoReadHeader(std::uint64_t length) {
     pendingHeaderLength_ = 0;
     // Pairs with the previous node's add: bytes that are counted here have been written.
-    if (gsl::at(control_->avail, nodeIdx_).load() < length) {
+    if (Avail(nodeIdx_).load() < length) {
         return {{}, SMStatusCode::DATA_NOT_AVAILABLE};
     }
-    const ReadResult header = ReadData(gsl::at(control_->rIdx, nodeIdx_).load(), length);
-    if (header.status != SMStatusCode::SUCCESS) {
-        return {{}, header.status};
+    return LookAtHeader(length);
+}
+
+/// The one result is made where the caller wants it: to copy a view costs more than to make it.
+ReadResult SharedBuffer::LookAtHeader(std::uint64_t length) {
+    ReadResult header = ReadData(gsl::at(control_->rIdx, nodeIdx_).load(), length);
+    if (header.status == SMStatusCode::SUCCESS) {
+        pendingHeaderLength_ = length;
+    } else {
+        header.data = {};
     }
-    pendingHeaderLength_ = length;
     return header;
 }
 
-PayloadResult SharedBuffer::DoReadPayload(std::uint64_t length) {
+[[gnu::flatten]] PayloadResult SharedBuffer::DoReadPayload(std::uint64_t length) {
     const std::uint64_t recordLength = pendingHeaderLength_ + length;
     // Pairs with the previous node's add, as in DoReadHeader.
-    const std::uint64_t available = gsl::at(control_->avail, nodeIdx_).load();
+    const std::uint64_t available = Avail(nodeIdx_).load();
     if (recordLength > available) {
-        SetError("DoReadPayload", " Trying to read " + to_string(length) + " bytes, but only " +
-                                      to_string(available) + " bytes available to read");
-        return {{}, 0, SMStatusCode::DATA_NOT_AVAILABLE};
+        return RefusePayload(length, available);
     }
     const std::uint64_t position =
         Wrap(gsl::at(control_->rIdx, nodeIdx_).load() + pendingHeaderLength_);
@@ -60,7 +53,7 @@ PayloadResult SharedBuffer::DoReadPayload(std::uint64_t length) {
     return {payload.data, position, payload.status};
 }
 
-SMStatusCode SharedBuffer::DoReleaseData(std::uint64_t size, std::uint32_t count) {
+[[gnu::flatten]] SMStatusCode SharedBuffer::DoReleaseData(std::uint64_t size, std::uint32_t count) {
     bool clamped = false;
     if (sink_) {
         clamped = IncreaseAvailableSize(size, 0);

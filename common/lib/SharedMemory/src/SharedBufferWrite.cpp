@@ -1,52 +1,37 @@
 // Writing records into the ring at this node's write index.
 
 #include <algorithm>
+#include <cstring>
 #include <gsl/algorithm>
 #include <gsl/util>
-#include <string>
 
+#include "CopyPastCache.h"
+#include "HeaderCopy.h"
 #include "SharedBuffer.h"
 
 namespace qel {
 
-using std::to_string;
-
-namespace {
-
-constexpr const char* kMultiData = "DoWriteHeaderMultiData";
-constexpr const char* kSkipPayload = "DoWriteHeaderSkipPayload";
-
-}  // namespace
-
-std::string SharedBuffer::Room::PacketsText() const {
-    return " Max packets: " + to_string(maxPackets) + " Num packets: " + to_string(numPackets);
+[[gnu::flatten]] WriteResult SharedBuffer::DoWriteHeaderPayload(const ByteSpan& header,
+                                                                const ByteSpan& payload,
+                                                                bool isCritical) {
+    std::vector<ByteSpan>& onePart = Area().onePart;
+    onePart.front() = payload;
+    return WriteHeaderMultiData(header, onePart, payload.size(), isCritical);
 }
 
-std::string SharedBuffer::Room::Text() const {
-    return " Available: " + to_string(available) + PacketsText();
-}
-
-WriteResult SharedBuffer::DoWriteHeaderPayload(const ByteSpan& header, const ByteSpan& payload,
-                                               bool isCritical) {
-    const std::vector<ByteSpan> data{payload};
-    return WriteHeaderMultiData(header, data, payload.size(), isCritical);
-}
-
-WriteResult SharedBuffer::DoWriteHeaderMultiData(const ByteSpan& header,
-                                                 const std::vector<ByteSpan>& data,
-                                                 std::uint64_t dataSize, bool isCritical) {
+[[gnu::flatten]] WriteResult SharedBuffer::DoWriteHeaderMultiData(const ByteSpan& header,
+                                                                  const std::vector<ByteSpan>& data,
+                                                                  std::uint64_t dataSize,
+                                                                  bool isCritical) {
     const std::uint64_t packetLength = header.size() + dataSize;
     const std::uint64_t reserve = Reserve(isCritical, header.size());
     const Room room = LoadRoom();
     if (!room.Holds(packetLength, reserve) || !room.AllowsPackets(1)) {
-        SetError(kMultiData, " Packet size: " + to_string(packetLength) +
-                                 " Reserve: " + to_string(reserve) + room.Text());
-        return {0, SMStatusCode::NOT_ENOUGH_SPACE};
+        return RefuseForRoom(packetLength, reserve, room);
     }
-    const std::uint64_t start = gsl::at(control_->wIdx, nodeIdx_).load();
-    if (const auto placed = CheckPlacement(kMultiData, start, header.size(), packetLength, room);
-        placed.status != SMStatusCode::SUCCESS) {
-        return placed;
+    const std::uint64_t start = WriteIndex();
+    if (!IsPlace(start, header.size(), packetLength)) {
+        return RefusePlace(kMultiData, start, header.size(), packetLength, room);
     }
 
     std::uint64_t index = WriteData(start, header);
@@ -65,13 +50,11 @@ WriteResult SharedBuffer::DoWriteHeaderSkipPayload(const ByteSpan& header, std::
     // Only a shortage of bytes with packets still allowed refuses: at the packet limit the fill
     // record goes on all the same, and the accounting clamps and reports.
     if (!room.Holds(packetLength, 0) && room.AllowsPackets(1)) {
-        SetError(kSkipPayload, " Packet size: " + to_string(packetLength) + room.Text());
-        return {0, SMStatusCode::NOT_ENOUGH_SPACE};
+        return RefuseFillerForRoom(packetLength, room);
     }
-    const std::uint64_t start = gsl::at(control_->wIdx, nodeIdx_).load();
-    if (const auto placed = CheckPlacement(kSkipPayload, start, header.size(), packetLength, room);
-        placed.status != SMStatusCode::SUCCESS) {
-        return placed;
+    const std::uint64_t start = WriteIndex();
+    if (!IsPlace(start, header.size(), packetLength)) {
+        return RefusePlace(kSkipPayload, start, header.size(), packetLength, room);
     }
 
     WriteData(start, header);
@@ -79,39 +62,37 @@ WriteResult SharedBuffer::DoWriteHeaderSkipPayload(const ByteSpan& header, std::
     IncrementPackets();
     const SMStatusCode status = HandOn(packetLength);
     Advance(control_->wIdx, skipSize);
-    return {gsl::at(control_->wIdx, nodeIdx_).load(), status};
+    return {WriteIndex(), status};
 }
 
-WriteResult SharedBuffer::CheckPlacement(const char* operation, std::uint64_t start,
-                                         std::uint64_t headerLength, std::uint64_t packetLength,
-                                         const Room& room) {
+bool SharedBuffer::IsPlace(std::uint64_t start, std::uint64_t headerLength,
+                           std::uint64_t packetLength) const {
     const std::uint64_t size = ShmSize();
-    if (headerLength > size || Wrap(start) != start) {
-        // Only a broken peer can bring this about: the counters or the index are forged.
-        SetError(operation, " Invalid Write Index: " + to_string(start) + " Header: " +
-                                to_string(headerLength) + " Size: " + to_string(size));
-        return {0, SMStatusCode::INVALID_PARAMETER};
-    }
     const std::uint64_t end = start + packetLength;
-    if (end == size || end <= size - headerLength) {
-        return {0, SMStatusCode::SUCCESS};
-    }
-    if (!room.AllowsPackets(2)) {  // a fill record and the packet
-        SetError(operation, room.PacketsText());
-        return {0, SMStatusCode::NOT_ENOUGH_SPACE};
-    }
-    SetError(operation,
-             " PacketSize: " + to_string(packetLength) +
-                 " exceeds size of physical shared memory, need to fill to start at beginning");
-    return {size - start, SMStatusCode::WILL_WRAP};
+    return headerLength <= size && Wrap(start) == start &&
+           (end == size || end <= size - headerLength);
 }
 
 std::uint64_t SharedBuffer::WriteData(std::uint64_t index, const ByteSpan& data) {
     const ByteSpan beforeEnd = dataArea_->subspan(index);
-    const auto split = std::min(data.size(), beforeEnd.size());
-    gsl::copy(data.first(split), beforeEnd);
-    gsl::copy(data.subspan(split), *dataArea_);  // the contract check stops a lap over itself
+    if (data.size() <= beforeEnd.size()) {
+        Copy(data, beforeEnd.data());
+    } else {
+        Copy(data.first(beforeEnd.size()), beforeEnd.data());
+        gsl::copy(data.subspan(beforeEnd.size()),
+                  *dataArea_);  // the contract check stops a lap over itself
+    }
     return Wrap(index + data.size());
+}
+
+void SharedBuffer::Copy(const ByteSpan& data, unsigned char* to) const {
+    if (data.size() == kPacketHeaderSize) {
+        CopyHeader(to, data.data());  // in line: every record has one
+    } else if (data.size() >= Area().pastCacheFrom) {
+        CopyPastCache(to, data.data(), data.size());
+    } else if (!data.empty()) {
+        std::memmove(to, data.data(), data.size());
+    }
 }
 
 SMStatusCode SharedBuffer::HandOn(std::uint64_t packetLength) {

@@ -85,6 +85,7 @@ private:
     OpenResult OpenExistingSharedMemory(bool write);
     OpenResult Attach(const SharedMemoryMetadata& record, bool write);
     OpenResult CreateSharedMemory(const std::string& memoryFileName, std::uint64_t size);
+    [[nodiscard]] bool HasHugePages() const;
     [[nodiscard]] bool MapSharedMem(int descriptor, std::uint64_t length, int protection);
     void SetAccessPerms() const;
 

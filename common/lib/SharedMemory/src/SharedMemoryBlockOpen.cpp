@@ -11,10 +11,13 @@
 #include <cstring>
 #include <random>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
+#include "HugePages.h"
 #include "SharedMemoryBlock.h"
 #include "StandardOutput.h"
+#include "Sys.h"
 
 namespace qel {
 namespace {
@@ -98,8 +101,18 @@ SharedMemoryBlock::SharedMemoryBlock(std::shared_ptr<SysIF> sys, std::string_vie
         Locked([this] { lockFile_->LockShared(); }, [this] { lockFile_->UnlockShared(); },
                [this] { Open(); });
     }
+    if (HasHugePages()) {
+        UseHugePages(mapping_.get(), size_);
+    }
     SetWriteAllowed(false);
     SetReadAllowed(false);
+}
+
+/// Only of memory that is known to come from the system: a substitute may have its own plans with
+/// what it hands out.
+bool SharedMemoryBlock::HasHugePages() const {
+    const SysIF& sys = *sys_;
+    return size_ >= kWorthHugePages && typeid(sys) == typeid(Sys);
 }
 
 void SharedMemoryBlock::Open() {
@@ -234,8 +247,12 @@ bool SharedMemoryBlock::MapSharedMem(int descriptor, std::uint64_t length, int p
     if (start == MAP_FAILED) {
         return false;
     }
-    mapping_ = decltype(mapping_)(static_cast<unsigned char*>(start), std::move(unmap));
-    header_ = static_cast<std::int64_t*>(start);
+    auto* bytes = static_cast<unsigned char*>(start);
+    if (HasHugePages()) {
+        bytes = MoveForHugePages(bytes, length);
+    }
+    mapping_ = decltype(mapping_)(bytes, std::move(unmap));
+    header_ = reinterpret_cast<std::int64_t*>(bytes);
     data_ = mapping_.get() + kBlockHeaderSize;
     return true;
 }

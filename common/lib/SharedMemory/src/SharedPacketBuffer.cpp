@@ -4,6 +4,8 @@
 #include <gsl/algorithm>
 #include <utility>
 
+#include "HeaderCopy.h"
+
 namespace qel {
 namespace {
 
@@ -11,26 +13,30 @@ ByteSpan BytesOf(PacketHeader& header) {
     return {reinterpret_cast<unsigned char*>(&header), kPacketHeaderSize};
 }
 
-PacketHeader WithLength(PacketHeader header, std::uint64_t length) {
-    header.length = length;
-    return header;
+PacketHeader WithLength(const PacketHeader& header, std::uint64_t length) {
+    PacketHeader copy;
+    CopyHeader(BytesOf(copy).data(), reinterpret_cast<const unsigned char*>(&header));
+    copy.length = length;
+    return copy;
 }
 
 std::uint64_t RecordLength(const Packet& packet) {
     return kPacketHeaderSize + packet.data.size();
 }
 
-/// A header as it stands in the ring, which may be cut short and may hold anything. Flags are made
-/// 0 or 1, the only values that a bool can have.
-PacketHeader HeaderFrom(const ByteSpan& bytes) {
-    PacketHeader header;
+/// Takes a header as it stands in the ring, which may be cut short and may hold anything. Flags are
+/// made 0 or 1, the only values that a bool can have.
+void TakeHeader(const ByteSpan& bytes, PacketHeader& header) {
     const ByteSpan raw = BytesOf(header);
-    gsl::copy(bytes, raw);  // a longer source violates the contract and ends the process
+    if (bytes.size() == kPacketHeaderSize) {
+        CopyHeader(raw.data(), bytes.data());
+    } else {
+        gsl::copy(bytes, raw);  // a longer source violates the contract and ends the process
+    }
     for (const std::size_t flag :
          {offsetof(PacketHeader, ignoreData), offsetof(PacketHeader, key)}) {
         raw[flag] = raw[flag] != 0 ? 1 : 0;
     }
-    return header;
 }
 
 }  // namespace
@@ -38,7 +44,7 @@ PacketHeader HeaderFrom(const ByteSpan& bytes) {
 SharedPacketBuffer::SharedPacketBuffer(std::unique_ptr<SharedBufferIF> ring)
     : ring_(std::move(ring)) {}
 
-SMStatusCode SharedPacketBuffer::DoReleasePacket(const Packet& packet) {
+[[gnu::flatten]] SMStatusCode SharedPacketBuffer::DoReleasePacket(const Packet& packet) {
     return ring_->ReleaseData(RecordLength(packet), 1);
 }
 
@@ -50,7 +56,7 @@ SMStatusCode SharedPacketBuffer::DoReleasePackets(std::vector<Packet> packets) {
     return ring_->ReleaseData(total, 1);  // one packet, however many there are
 }
 
-SMStatusCode SharedPacketBuffer::DoWritePacket(const Packet& packet) {
+[[gnu::flatten]] SMStatusCode SharedPacketBuffer::DoWritePacket(const Packet& packet) {
     return WritePacketIsCritical(packet, false);
 }
 
@@ -90,7 +96,6 @@ SMStatusCode SharedPacketBuffer::WriteOrFillAndRetry(const Write& write) {
     return second == SMStatusCode::WILL_WRAP ? SMStatusCode::INVALID_PARAMETER : second;
 }
 
-/// Writes a filler that takes exactly the `room` bytes before the end of the ring.
 SMStatusCode SharedPacketBuffer::FillToEnd(std::uint64_t room) {
     if (room < kPacketHeaderSize) {
         return SMStatusCode::INVALID_PARAMETER;  // only a forged write index leaves so little
@@ -105,20 +110,26 @@ SMStatusCode SharedPacketBuffer::FillToEnd(std::uint64_t room) {
     return noRoom ? SMStatusCode::INVALID_PARAMETER : status;
 }
 
-ReadNextPacketResult SharedPacketBuffer::DoReadNextPacket() {
+[[gnu::flatten]] ReadNextPacketResult SharedPacketBuffer::DoReadNextPacket() {
+    // Made where the caller wants it, and nowhere else: a copy costs as much as the rest.
+    ReadNextPacketResult next{{}, 0, SMStatusCode::SUCCESS};
     const ReadResult header = ring_->ReadHeader(kPacketHeaderSize);
     if (header.status != SMStatusCode::SUCCESS) {
-        return {{}, 0, header.status};
+        next.status = header.status;
+        return next;
     }
-    Packet packet{HeaderFrom(header.data), {}};
-    const PayloadResult payload = ring_->ReadPayload(packet.header.length);
+    TakeHeader(header.data, next.packet.header);
+    const PayloadResult payload = ring_->ReadPayload(next.packet.header.length);
     if (payload.status != SMStatusCode::SUCCESS) {
         // A header whose payload is missing is a broken ring, not an empty one.
         const bool missing = payload.status == SMStatusCode::DATA_NOT_AVAILABLE;
-        return {{}, 0, missing ? SMStatusCode::INVALID_PARAMETER : payload.status};
+        next.packet = {};
+        next.status = missing ? SMStatusCode::INVALID_PARAMETER : payload.status;
+        return next;
     }
-    packet.data = payload.data;
-    return {packet, payload.index, SMStatusCode::SUCCESS};
+    next.packet.data = payload.data;
+    next.index = payload.index;
+    return next;
 }
 
 void SharedPacketBuffer::DoPrint(LogLevel level) {

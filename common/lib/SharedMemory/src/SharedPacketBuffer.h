@@ -16,6 +16,11 @@ class SharedPacketBuffer : public SharedPacketBufferIF {
 public:
     explicit SharedPacketBuffer(std::unique_ptr<SharedBufferIF> ring);
 
+    [[nodiscard]] SharedBufferIF& Ring() noexcept { return *ring_; }
+
+    /// Writes a filler that takes exactly the `room` bytes before the end of the ring.
+    SMStatusCode FillToEnd(std::uint64_t room);
+
 private:
     SMStatusCode DoReleasePacket(const Packet& packet) override;
     SMStatusCode DoReleasePackets(std::vector<Packet> packets) override;
@@ -29,7 +34,6 @@ private:
     ReadResult DoReadData(unsigned long index, unsigned long length) override;
 
     SMStatusCode WritePacketIsCritical(const Packet& packet, bool isCritical);
-    SMStatusCode FillToEnd(std::uint64_t room);
     template <typename Write>
     SMStatusCode WriteOrFillAndRetry(const Write& write);
 
