@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "EndOfStream.h"
 #include "OpenRing.h"
 #include "StreamName.h"
@@ -182,6 +184,42 @@ TEST_F(StreamWriterTest, PacketInPiecesIsOne) {
     ASSERT_TRUE(received);
     EXPECT_EQ(std::string(received->packet.data.begin(), received->packet.data.end()), "abcdefgh");
     EXPECT_TRUE(reader.TakeControl(received->packet).details);
+}
+
+TEST_F(StreamWriterTest, PayloadThatIsMadeInPlaceIsMadeOnceThereIsRoom) {
+    StreamReader reader(Options(name_.Name(), 1, true));
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(NumberedPacket(i, 30000).SendBy(writer_), WriteOutcome::Written);
+    }
+    int calls = 0;
+    StreamWriter::Outgoing outgoing;
+    outgoing.packet.header.pts = 5;
+    outgoing.size = 30000;
+    outgoing.fill = [&calls](const ByteSpan& room) {
+        std::fill(room.begin(), room.end(), static_cast<unsigned char>(++calls));
+    };
+    outgoing.head = MakeFrameHead(outgoing.packet, outgoing.size);
+    EXPECT_EQ(writer_.TryWrite(outgoing), WriteOutcome::Stopped);
+    EXPECT_EQ(calls, 0);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(reader.HandOn(reader.TryNext()->ticket));
+    }
+    EXPECT_EQ(writer_.TryWrite(outgoing), WriteOutcome::Written);
+    EXPECT_EQ(calls, 1);
+    const auto received = reader.TryNext();
+    ASSERT_TRUE(received);
+    const std::int64_t pts = received->packet.header.pts;
+    EXPECT_EQ(pts, 5);
+    EXPECT_EQ(std::vector<int>(received->packet.data.begin(), received->packet.data.end()),
+              std::vector<int>(30000, 1));
+    EXPECT_TRUE(reader.TakeControl(received->packet).details);
+}
+
+TEST_F(StreamWriterTest, PayloadThatIsMadeInPlaceAndCanNeverFitIsSaid) {
+    StreamWriter::Outgoing outgoing;
+    outgoing.size = writer_.LargestPacket() + 1;
+    outgoing.fill = [](const ByteSpan&) { ADD_FAILURE() << "there is no room"; };
+    EXPECT_EQ(writer_.TryWrite(outgoing), WriteOutcome::NeverFits);
 }
 
 TEST_F(StreamWriterTest, LargestPacketFitsAndOneByteMoreNeverDoes) {

@@ -4,23 +4,12 @@
 
 #include "CaptureTime.h"
 #include "EndOfStream.h"
-#include "MappedMemories.h"
+#include "GstHandles.h"
 #include "RingBuffer.h"
 #include "SegmentText.h"
 
 namespace qel {
 namespace {
-
-/// True if the planes lie as the caps alone tell, which is all that readers know.
-bool LiesAsCapsTell(const GstVideoMeta& meta, const GstVideoInfo& info) {
-    for (guint plane = 0; plane < meta.n_planes; ++plane) {
-        if (meta.stride[plane] != GST_VIDEO_INFO_PLANE_STRIDE(&info, plane) ||
-            meta.offset[plane] != GST_VIDEO_INFO_PLANE_OFFSET(&info, plane)) {
-            return false;
-        }
-    }
-    return true;
-}
 
 Packet PacketOf(GstBuffer* buffer) {
     Packet packet;
@@ -129,30 +118,33 @@ void SinkStream::TellText(ControlKind kind, const std::string& text, ControlHead
     }
 }
 
-/// A copy with the planes where the caps tell, for frames that lie otherwise; none for others.
-/// @return nothing if it cannot be made
-std::optional<BufferHandle> SinkStream::Plain(GstBuffer* buffer) {
-    const auto* const meta = video_ ? gst_buffer_get_video_meta(buffer) : nullptr;
-    if (meta == nullptr || LiesAsCapsTell(*meta, *video_)) {
-        return BufferHandle();
+/// Finds the payload of a buffer.
+/// @return false if its memory cannot be read
+bool SinkStream::Take(GstBuffer* buffer, StreamWriter::Outgoing& outgoing, Origin& origin) {
+    if (video_ && LiesOtherwise(buffer, *video_)) {
+        const MappedFrame& frame = origin.frame.emplace(buffer, *video_);
+        outgoing.size = frame.Size();
+        if (!frame.IsUsable()) {
+            return false;
+        }
+        if (outgoing.critical) {  // what is made in the ring cannot use the reserve
+            origin.laidOut.resize(outgoing.size);
+            outgoing.packet.data = origin.laidOut;
+            frame.CopyTo(outgoing.packet.data);
+        } else {
+            outgoing.fill = [&frame](const ByteSpan& room) { frame.CopyTo(room); };
+        }
+        return true;
     }
-    GstVideoFrame from;
-    if (gst_video_frame_map(&from, &*video_, buffer, GST_MAP_READ) == FALSE) {
-        return std::nullopt;
+    outgoing.spans = origin.memories.emplace(buffer).Spans();
+    for (const ByteSpan& span : outgoing.spans) {
+        outgoing.size += span.size();
     }
-    BufferHandle plain(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&*video_), nullptr));
-    GstVideoFrame to;
-    bool isCopied = false;
-    if (gst_video_frame_map(&to, &*video_, plain.get(), GST_MAP_WRITE) != FALSE) {
-        isCopied = gst_video_frame_copy(&to, &from) != FALSE;
-        gst_video_frame_unmap(&to);
+    if (outgoing.spans.size() == 1) {
+        outgoing.packet.data = outgoing.spans.front();
+        outgoing.spans.clear();
     }
-    gst_video_frame_unmap(&from);
-    if (!isCopied) {
-        return std::nullopt;
-    }
-    ++copies_;
-    return plain;
+    return origin.memories->IsComplete();
 }
 
 GstFlowReturn SinkStream::Render(GstBuffer* buffer) {
@@ -163,21 +155,12 @@ GstFlowReturn SinkStream::Render(GstBuffer* buffer) {
         ++dropped_;
         return GST_FLOW_OK;
     }
-    const auto plain = Plain(buffer);
-    const MappedMemories memories(plain && *plain ? plain->get() : buffer);
-    if (!plain || !memories.IsComplete()) {
+    outgoing.critical = settings_.criticalKeyFrames && isKey;
+    Origin origin;
+    if (!Take(buffer, outgoing, origin)) {
         GST_ELEMENT_ERROR(sink_, RESOURCE, READ, ("a buffer's memory cannot be read"), (nullptr));
         return GST_FLOW_ERROR;
     }
-    outgoing.spans = memories.Spans();
-    for (const ByteSpan& span : outgoing.spans) {
-        outgoing.size += span.size();
-    }
-    if (outgoing.spans.size() == 1) {
-        outgoing.packet.data = outgoing.spans.front();
-        outgoing.spans.clear();
-    }
-    outgoing.critical = settings_.criticalKeyFrames && isKey;
     outgoing.aligned = isRaw_;
     if (outgoing.size > writer_->LargestPacket()) {
         return Refuse(outgoing.size);
@@ -189,6 +172,7 @@ GstFlowReturn SinkStream::Render(GstBuffer* buffer) {
     if (result == GST_FLOW_OK) {
         ++packets_;
         bytes_ += outgoing.size;
+        copies_ += origin.frame ? 1 : 0;
         dropsUntilKeyFrame_ = false;
     } else if (result == GST_FLOW_CUSTOM_SUCCESS) {
         ++dropped_;

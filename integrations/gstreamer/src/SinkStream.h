@@ -8,7 +8,8 @@
 #include <mutex>
 #include <optional>
 
-#include "GstHandles.h"
+#include "FrameLayout.h"
+#include "MappedMemories.h"
 #include "Settings.h"
 #include "StreamWriter.h"
 
@@ -61,7 +62,15 @@ private:
     GstFlowReturn Send(StreamWriter::Outgoing& outgoing, bool mayWait, GstMiniObject* cause);
     GstFlowReturn WaitForRoom(GstMiniObject* cause);
     GstFlowReturn Refuse(guint64 size);
-    std::optional<BufferHandle> Plain(GstBuffer* buffer);
+    /// What an outgoing packet's payload is taken from, and lives as long as the packet is on its
+    /// way.
+    struct Origin {
+        std::optional<MappedMemories> memories;
+        std::optional<MappedFrame> frame;    ///< if it has to be laid out anew
+        std::vector<unsigned char> laidOut;  ///< ahead, where that cannot be done in the ring
+    };
+
+    bool Take(GstBuffer* buffer, StreamWriter::Outgoing& outgoing, Origin& origin);
     void TellText(ControlKind kind, const std::string& text, ControlHead head);
 
     GstBaseSink* sink_;

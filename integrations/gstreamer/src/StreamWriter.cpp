@@ -39,6 +39,7 @@ StreamWriter::StreamWriter(const StreamOptions& options)
     : options_(options),
       node_(options),
       packets_(node_.Ring(), options.size, WaitMode::Yield, [] { return true; }),
+      inPlace_(node_.Ring()),
       control_(node_.Control(), ControlRingSize(options.size)),
       block_(StreamNames(options.name).caps) {
     state_.serial = FirstSerial();
@@ -53,7 +54,9 @@ WriteOutcome StreamWriter::TryWrite(Outgoing& outgoing, bool mayWait) {
     }
     node_.SignalNext();
     WriteOutcome outcome = WriteOutcome::Broken;
-    if (!outgoing.spans.empty()) {
+    if (outgoing.fill) {
+        outcome = TryFill(outgoing);
+    } else if (!outgoing.spans.empty()) {
         outcome = packets_.WriteGathered(outgoing.packet, outgoing.spans);
     } else if (outgoing.critical) {
         outcome = packets_.WriteCritical(outgoing.packet);
@@ -65,6 +68,18 @@ WriteOutcome StreamWriter::TryWrite(Outgoing& outgoing, bool mayWait) {
         node_.SignalNext();
     }
     return outcome;
+}
+
+/// Writes a payload that is made where it is to lie, which saves a copy.
+WriteOutcome StreamWriter::TryFill(const Outgoing& outgoing) {
+    ByteSpan room;
+    const WriteOutcome reserved = packets_.Reserve(inPlace_, outgoing.size, room);
+    if (reserved != WriteOutcome::Written) {
+        return reserved;
+    }
+    outgoing.fill(room);
+    const SMStatusCode status = inPlace_.Commit(outgoing.packet.header, outgoing.size);
+    return status == SMStatusCode::SUCCESS ? WriteOutcome::Written : WriteOutcome::Broken;
 }
 
 bool StreamWriter::TryAnnounce(Outgoing& outgoing, bool mayWait) {
@@ -92,10 +107,12 @@ bool StreamWriter::TryRepeatState(const Packet& packet, bool mayWait) {
 
 /// Writes what has to go ahead of a packet whose payload is to be aligned.
 WriteOutcome StreamWriter::TryPad(const Outgoing& outgoing) {
+    // A place for what is made in place has room for one more header: it may become shorter.
+    const std::uint64_t behind = outgoing.fill ? kPacketHeaderSize : 0;
     WriteOutcome outcome = WriteOutcome::Written;
     while (outgoing.aligned && outcome == WriteOutcome::Written) {
-        const auto padding =
-            PaddingAhead(WriteIndexOf(node_.Ring(), options_.node), outgoing.size, options_.size);
+        const auto padding = PaddingAhead(WriteIndexOf(node_.Ring(), options_.node), outgoing.size,
+                                          options_.size, behind);
         if (!padding) {
             break;
         }

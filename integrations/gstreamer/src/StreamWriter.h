@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "ControlRecord.h"
 #include "ControlWriter.h"
 #include "IdleStrategy.h"
+#include "InPlaceWriter.h"
 #include "PacketWriter.h"
 #include "StreamNode.h"
 
@@ -28,9 +30,11 @@ public:
     struct Outgoing {
         Packet packet;                ///< data counts if there are no spans
         std::vector<ByteSpan> spans;  ///< its payload in pieces
-        std::uint64_t size = 0;       ///< bytes of the payload
-        bool critical = false;        ///< may use the reserve; a payload in pieces never does
-        bool aligned = false;         ///< its payload goes to an aligned address, see PaddingAhead
+        /// Makes the payload where it is to lie, in place of data and spans.
+        std::function<void(const ByteSpan& room)> fill;
+        std::uint64_t size = 0;  ///< bytes of the payload
+        bool critical = false;   ///< may use the reserve; only a payload in one piece does
+        bool aligned = false;    ///< its payload goes to an aligned address, see PaddingAhead
         ControlHead head;
         bool announced = false;  ///< its record is written, or left out
     };
@@ -63,10 +67,12 @@ private:
     bool TryAnnounce(Outgoing& outgoing, bool mayWait);
     bool TryRepeatState(const Packet& packet, bool mayWait);
     WriteOutcome TryPad(const Outgoing& outgoing);
+    WriteOutcome TryFill(const Outgoing& outgoing);
 
     StreamOptions options_;
     StreamNode node_;
     PacketWriter packets_;
+    InPlaceWriter inPlace_;
     ControlWriter control_;
     CapsBlock block_;
     StreamState state_;
