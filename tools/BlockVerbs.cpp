@@ -16,6 +16,7 @@
 #include "SharedMemoryBlockReader.h"
 #include "SharedMemoryBlockWriter.h"
 #include "Signals.h"
+#include "Text.h"
 #include "Verbs.h"
 
 namespace qel {
@@ -80,7 +81,7 @@ Bytes CopyOf(SharedMemoryBlockReaderIF& block) {
 
 /// A creator that cannot be looked into cannot be attached to: its block would be replaced.
 void RequireNoHiddenCreator(const std::string& name) {
-    const auto block = LookAtBlock(name);
+    const auto block = LookAtBlock(name, ProcessSurvey::Take());
     if (block && block->record && block->creator == BlockCreator::Hidden) {
         throw std::runtime_error(
             fmt::format("block {}: its creator may not be looked into by this user", name));
@@ -90,7 +91,7 @@ void RequireNoHiddenCreator(const std::string& name) {
 /// If that cannot be told, the block is rather held than lost.
 bool IsCreatedHere(const std::string& name) {
     try {
-        const auto block = LookAtBlock(name);
+        const auto block = LookAtBlock(name, ProcessSurvey::Take());
         return block && block->record && block->record->pid == getpid();
     } catch (const std::runtime_error&) {
         return true;
@@ -157,7 +158,7 @@ int RunBlockWrite(const BlockOptions& options) {
 }
 
 BlockView ViewOf(const std::string& name) {
-    auto block = LookAtBlock(name);
+    auto block = LookAtBlock(name, ProcessSurvey::Take());
     if (!block) {
         throw std::runtime_error("there is no block " + name);
     }
@@ -207,22 +208,29 @@ Verb AddWrite(CLI::App& group) {
     verb.command->add_option("--input", options->file, "What to write; - is standard input")
         ->option_text("FILE [-]");
     verb.command->footer(
-        "The block then holds the input and, up to its end, zeros. A block that is there keeps "
-        "its\n"
-        "size, and the command ends at once. Otherwise the command makes it and holds it until\n"
-        "Ctrl-C (status 0), because a block can be opened only while its creator lives. Input "
-        "that\n"
-        "does not fit is refused, and nothing is written.");
+        "The block then holds the input and, up to its end, zeros. A block that is there keeps\n"
+        "its size, and the command ends at once. Otherwise the command makes it and holds it\n"
+        "until Ctrl-C (status 0), because a block can be opened only while its creator lives.\n"
+        "Input that does not fit is refused, and nothing is written.\n"
+        "\n"
+        "Examples:\n"
+        "  qev block write settings --size 4096 --input settings.json\n"
+        "  date | qev block write settings --size 4096");
     return verb;
 }
 
 Verb AddRead(CLI::App& group) {
     const auto options = std::make_shared<BlockOptions>();
-    Verb verb = AddBlockVerb(group, "read", "Write the content to standard output or a file",
-                             RunBlockRead, options);
+    Verb verb =
+        AddBlockVerb(group, "read", "Write the content of a block to standard output or a file",
+                     RunBlockRead, options);
     verb.command->add_option("--output", options->file, "File to write; - is standard output")
         ->option_text("FILE [-]");
-    verb.command->footer("Waits while somebody writes to the block. All of its bytes come out.");
+    verb.command->footer(
+        "Waits while somebody writes to the block. All of its bytes come out.\n"
+        "\n"
+        "Examples:\n"
+        "  qev block read settings | tr -d '\\0'");
     return verb;
 }
 
@@ -230,8 +238,11 @@ Verb AddShow(CLI::App& group) {
     Verb verb = AddBlockVerb(group, "show", "Tell what can be seen of a block from outside",
                              RunBlockShow, std::make_shared<BlockOptions>());
     verb.command->footer(
-        "The record by which it is found, whether its creator is alive, its size, and who has it\n"
-        "open. Takes no lock and changes nothing.");
+        "The record by which it is found, whether its creator is alive, its size, whether it is\n"
+        "sealed, and who has it open. Takes no lock and changes nothing.\n"
+        "\n"
+        "Examples:\n"
+        "  qev block show settings");
     return verb;
 }
 
@@ -239,6 +250,12 @@ Verb AddShow(CLI::App& group) {
 
 std::vector<Verb> AddBlockVerbs(CLI::App& app) {
     CLI::App* const group = app.add_subcommand("block", "Write, read or look at a memory block");
+    group->footer(
+        "A block is memory of one process, its creator, that others find through a lock file.\n"
+        "\n"
+        "Files:\n"
+        "  /tmp/NAME_shm.lock   the lock file of the block NAME, with the record by which it is "
+        "found");
     group->require_subcommand(1);
     return {AddWrite(*group), AddRead(*group), AddShow(*group)};
 }

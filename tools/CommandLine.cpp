@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <map>
 
@@ -85,13 +83,6 @@ void Print(const std::string& text) {
     if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0) {
         throw std::runtime_error("cannot write to standard output");
     }
-}
-
-std::string OneLine(std::string_view text) {
-    std::string line(text);
-    std::replace_if(
-        line.begin(), line.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
-    return line;
 }
 
 }  // namespace qel

@@ -5,7 +5,6 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 
 #include "IdleStrategy.h"
 #include "SharedBufferIF.h"
@@ -61,8 +60,5 @@ void RequireOrUsage(const std::function<void()>& require);
 /// Writes to standard output.
 /// @throws std::runtime_error
 void Print(const std::string& text);
-
-/// `text` with line ends and other control characters replaced, so that it stays one line.
-[[nodiscard]] std::string OneLine(std::string_view text);
 
 }  // namespace qel

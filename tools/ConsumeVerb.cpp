@@ -36,7 +36,7 @@ Verb AddConsumeVerb(CLI::App& app) {
     auto options = std::make_shared<ConsumeOptions>();
     options->stage.sink = true;
     CLI::App* const command = app.add_subcommand(
-        "consume", "The last node by itself: write the packets to a file or standard output");
+        "consume", "The last node by itself: write packets to a file or standard output");
     AddStageOptions(*command, options->stage);
     command->add_option("--node", options->stage.node, "Place in the chain, 1 to 4")
         ->required()
@@ -47,7 +47,13 @@ Verb AddConsumeVerb(CLI::App& app) {
         ->option_text("FILE [-]");
     command->add_flag("--unlink", options->unlink,
                       "Remove the ring when the stream has ended; otherwise it is left");
-    command->footer("Ends when the end of the stream has come, or with Ctrl-C.");
+    command->footer(
+        "Ends when the end of the stream has come, or with Ctrl-C. A second process that would\n"
+        "be the same node of the same ring is refused.\n"
+        "\n"
+        "Examples:\n"
+        "  qev consume --name demo --node 1 --output copy.mp4 --unlink\n"
+        "  qev consume --name log --size 1MiB --node 1 | grep error");
     return {command, [options] { return RunConsume(*options); }};
 }
 

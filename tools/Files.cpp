@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "CommandLine.h"
@@ -65,19 +64,6 @@ std::size_t ReadAt(int fd, const ByteSpan& buffer, std::uint64_t offset, const s
 }
 
 }  // namespace
-
-File::~File() {
-    if (fd_ > STDERR_FILENO) {
-        (void)close(fd_);
-    }
-}
-
-File::File(File&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-File& File::operator=(File&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-}
 
 InputFile::InputFile(std::string path) : path_(std::move(path)) {
     if (path_ == kStandardStream) {

@@ -5,30 +5,13 @@
 #include <string>
 
 #include "ByteSpan.h"
+#include "File.h"
 #include "IdleStrategy.h"
 
 namespace qel {
 
 /// Stands for standard input or output in place of a file's name.
 inline constexpr const char* kStandardStream = "-";
-
-/// Descriptor that is closed at the end, unless it is one of the standard streams.
-class File {
-public:
-    File() = default;
-    explicit File(int fd) noexcept : fd_(fd) {}
-    ~File();
-    File(File&& other) noexcept;
-    File& operator=(File&& other) noexcept;
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-
-    [[nodiscard]] int Fd() const noexcept { return fd_; }
-    [[nodiscard]] bool IsOpen() const noexcept { return fd_ != -1; }
-
-private:
-    int fd_ = -1;
-};
 
 /// A file, pipe or standard input to read from.
 class InputFile {
@@ -78,6 +61,7 @@ public:
     /// @throws std::runtime_error when writing fails
     [[nodiscard]] bool Write(const ByteSpan& data, const StopPredicate& stop) const;
 
+    [[nodiscard]] int Fd() const noexcept { return file_.Fd(); }
     [[nodiscard]] const std::string& Path() const noexcept { return path_; }
 
 private:

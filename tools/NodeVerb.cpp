@@ -28,7 +28,14 @@ Verb AddNodeVerb(CLI::App& app) {
         ->option_text("N");
     command->add_flag("--sink", stage->sink,
                       "Last node of the chain: give the space back to the producer");
-    command->footer("Ends when the end of the stream has passed, or with Ctrl-C.");
+    command->footer(
+        "Nodes may be started in any order. A node ends when the end of the stream has passed,\n"
+        "or with Ctrl-C. A second process that would be the same node of the same ring is\n"
+        "refused.\n"
+        "\n"
+        "Examples:\n"
+        "  qev node --name demo --node 1\n"
+        "  qev node --name demo --node 2 --sink");
     return {command, [stage] { return RunNode(*stage); }};
 }
 

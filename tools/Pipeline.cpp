@@ -23,6 +23,7 @@
 #include "RingObject.h"
 #include "Signals.h"
 #include "Stages.h"
+#include "Text.h"
 
 namespace qel {
 namespace {

@@ -30,14 +30,17 @@ Verb AddPipelineVerb(CLI::App& app) {
         ->option_text("NAME [qev-pipeline-PID]");
     command->add_flag("--json", options->json, "Write the summary as JSON");
     command->footer(
-        "One process per node: node 0 cuts the file into packets, the inner nodes read each "
-        "packet\n"
-        "in place, the last writes it to the output. Ctrl-C stops cutting and lets the chain run\n"
-        "empty; a second one kills the nodes. Exit status: 0 when the output is the input byte "
-        "for\n"
-        "byte and nothing is left behind, 1 when something failed, 2 for bad arguments (nothing "
-        "is\n"
-        "touched then), 128 + signal when interrupted.");
+        "One process per node: node 0 cuts the file into packets, the inner nodes read each\n"
+        "packet in place, the last writes it to the output. Ctrl-C stops cutting and lets the\n"
+        "chain run empty; a second one kills the nodes.\n"
+        "\n"
+        "Exit status: 0 when the output is the input byte for byte and nothing is left behind,\n"
+        "1 when something failed, 2 for bad arguments (nothing is touched then), 128 + the\n"
+        "signal's number when interrupted.\n"
+        "\n"
+        "Examples:\n"
+        "  qev pipeline --input video.mp4 --output copy.mp4\n"
+        "  qev pipeline --input video.mp4 --output copy.mp4 --nodes 3 --size 1MiB --json");
     return {command, [options] { return RunPipeline(*options); }};
 }
 

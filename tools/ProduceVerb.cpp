@@ -38,8 +38,13 @@ Verb AddProduceVerb(CLI::App& app) {
         ->check(CLI::Range(0U, 0U))
         ->option_text("0");
     command->footer(
-        "Sends the end of the stream behind the input. The ring is made when it is not there and\n"
-        "is left for the other nodes. Ctrl-C ends the stream early.");
+        "Sends the end of the stream behind the input. The ring is made when it is not there\n"
+        "and is left for the other nodes. Ctrl-C ends the stream early. A second process that\n"
+        "would be node 0 of the same ring is refused.\n"
+        "\n"
+        "Examples:\n"
+        "  qev produce --name demo --input video.mp4\n"
+        "  journalctl | qev produce --name log --size 1MiB --packet 4096");
     return {command, [options] { return RunProduce(*options); }};
 }
 

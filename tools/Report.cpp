@@ -42,13 +42,6 @@ std::string StageLine(const StageReport& stage) {
                        stage.MegabytesPerSecond(), stage.fillers);
 }
 
-const char* RoleOf(std::size_t node, std::size_t nodes) {
-    if (node == 0) {
-        return "producer";
-    }
-    return node + 1 == nodes ? "sink" : "node";
-}
-
 std::string TextOf(const PipelineReport& report) {
     std::string text =
         fmt::format("{} processes on ring {} of {} bytes, packets of {} bytes\n\n",

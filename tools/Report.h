@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "NodeRole.h"
 #include "Stages.h"
 
 namespace qel {
@@ -38,9 +39,6 @@ struct PipelineReport {
     bool removed = false;   ///< no object is left
     std::vector<StageReport> nodes;
 };
-
-/// "producer", "node" or "sink".
-[[nodiscard]] const char* RoleOf(std::size_t node, std::size_t nodes);
 
 [[nodiscard]] std::string TextOf(const PipelineReport& report);
 [[nodiscard]] std::string JsonOf(const PipelineReport& report);

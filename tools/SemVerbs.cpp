@@ -14,6 +14,7 @@
 #include "ObjectName.h"
 #include "Signals.h"
 #include "SystemSemaphore.h"
+#include "Text.h"
 #include "Verbs.h"
 
 namespace qel {
@@ -187,40 +188,65 @@ void AddCount(const Verb& verb, const Options& options, const char* help) {
 }
 
 Verb AddShow(CLI::App& group) {
-    return AddSemVerb(group, "show", "Tell its value", RunShow, std::make_shared<SemOptions>());
+    Verb verb = AddSemVerb(group, "show", "Tell the value of a semaphore", RunShow,
+                           std::make_shared<SemOptions>());
+    verb.command->footer(
+        "Changes nothing: it makes no semaphore, and takes and gives no unit.\n"
+        "\n"
+        "Examples:\n"
+        "  qev sem show frames");
+    return verb;
 }
 
 Verb AddPost(CLI::App& group) {
     const auto options = std::make_shared<SemOptions>();
-    Verb verb = AddSemVerb(group, "post", "Give units", RunPost, options);
-    AddCount(verb, options, "How many");
+    Verb verb = AddSemVerb(group, "post", "Give units to a semaphore", RunPost, options);
+    AddCount(verb, options, "How many units");
     verb.command->footer(
-        "The units stay when the command ends, unlike those that a handle of the library posts. A\n"
-        "semaphore that is not there is made.");
+        "The units stay when the command ends, unlike those that a handle of the library posts.\n"
+        "A semaphore that is not there is made.\n"
+        "\n"
+        "Examples:\n"
+        "  qev sem post frames --count 3");
     return verb;
 }
 
 Verb AddWait(CLI::App& group) {
     const auto options = std::make_shared<SemOptions>();
-    Verb verb = AddSemVerb(group, "wait", "Take units, waiting for them", RunWait, options);
-    AddCount(verb, options, "How many: all or none");
+    Verb verb =
+        AddSemVerb(group, "wait", "Take units of a semaphore, waiting for them", RunWait, options);
+    AddCount(verb, options, "How many units: all or none");
     options->timeoutOption =
         verb.command
             ->add_option("--timeout", options->timeout, "Give up after so long, with status 1")
             ->check(CLI::Validator(RefuseIfEmpty, "", ""))
             ->option_text("SECONDS");
     verb.command->footer(
-        "The units stay taken when the command ends. If it gives up or is interrupted, none are.\n"
-        "They are collected one by one, so two that wait for several can starve each other. A\n"
-        "semaphore that is not there is made.");
+        "The units stay taken when the command ends. If it gives up or is interrupted, none\n"
+        "are. They are collected one by one, so two that wait for several can starve each\n"
+        "other. A semaphore that is not there is made.\n"
+        "\n"
+        "Exit status: 0 when the units are taken, 1 when they did not come in time or something\n"
+        "failed, 2 for bad arguments, 128 + the signal's number when interrupted.\n"
+        "\n"
+        "Examples:\n"
+        "  qev sem wait frames --timeout 2.5 && echo got one");
     return verb;
 }
 
 Verb AddTry(CLI::App& group) {
     const auto options = std::make_shared<SemOptions>();
     Verb verb =
-        AddSemVerb(group, "try", "Take units if they are free; status 1 if not", RunTry, options);
-    AddCount(verb, options, "How many: all or none");
+        AddSemVerb(group, "try", "Take units of a semaphore if they are free", RunTry, options);
+    AddCount(verb, options, "How many units: all or none");
+    verb.command->footer(
+        "The units stay taken when the command ends. A semaphore that is not there is not made.\n"
+        "\n"
+        "Exit status: 0 when the units are taken, 1 when fewer are free or something failed, 2\n"
+        "for bad arguments, 128 + the signal's number when interrupted.\n"
+        "\n"
+        "Examples:\n"
+        "  qev sem try frames --count 2 || echo too few");
     return verb;
 }
 
@@ -228,6 +254,11 @@ Verb AddTry(CLI::App& group) {
 
 std::vector<Verb> AddSemVerbs(CLI::App& app) {
     CLI::App* const group = app.add_subcommand("sem", "Look at, post to or take from a semaphore");
+    group->footer(
+        "A semaphore keeps its units when all processes that used it have ended.\n"
+        "\n"
+        "Files:\n"
+        "  /dev/shm/sem.NAME   the semaphore /NAME");
     group->require_subcommand(1);
     return {AddShow(*group), AddPost(*group), AddWait(*group), AddTry(*group)};
 }

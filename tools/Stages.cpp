@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "EndOfStream.h"
+#include "InPlaceWriter.h"
 #include "OpenRing.h"
 #include "PacketReader.h"
 #include "PacketWriter.h"
@@ -84,10 +85,14 @@ bool IsWritten(WriteOutcome outcome, const std::string& ringName) {
     FailInconsistent(ringName);
 }
 
+StageEnd SendEnd(PacketWriter& writer, const RingOptions& ring) {
+    const bool ended = IsWritten(writer.WriteCritical(MakeEndOfStream()), ring.name);
+    return ended ? StageEnd::EndOfStream : StageEnd::Stopped;
+}
+
 }  // namespace
 
-std::unique_ptr<SharedPacketBufferIF> OpenStage(const RingOptions& ring, std::uint8_t node,
-                                                bool sink) {
+StageRing OpenStage(const RingOptions& ring, std::uint8_t node, bool sink) {
     std::unique_ptr<SharedPacketBufferIF> buffer;
     try {
         buffer = OpenRing(ring.Info(node, sink));
@@ -100,31 +105,59 @@ std::unique_ptr<SharedPacketBufferIF> OpenStage(const RingOptions& ring, std::ui
         throw UsageError(fmt::format("ring {} exists with another packet limit: {} instead of {}",
                                      ring.name, limit, wanted));
     }
+    auto claim = std::make_unique<const NodeClaim>(ring.name, node);
     PopulateRing(*buffer, ring.size);
-    return buffer;
+    return {std::move(buffer), std::move(claim)};
+}
+
+StageEnd RunSource(SharedPacketBufferIF& buffer, const RingOptions& ring,
+                   const PacketSource& source, bool sendsEnd, const StageStops& stops,
+                   StageCounters& counters) {
+    Tally tally(counters);
+    PacketWriter writer(buffer, ring.size, ring.wait, stops.waiting);
+    while (!stops.cutting()) {
+        const std::optional<Packet> packet = source();
+        if (!packet) {
+            break;
+        }
+        const bool isEnd = IsEndOfStream(*packet);
+        tally.See(packet->data);
+        if (!IsWritten(isEnd ? writer.WriteCritical(*packet) : writer.Write(*packet), ring.name)) {
+            return StageEnd::Stopped;
+        }
+        if (!isEnd) {
+            tally.HandedOn(packet->data.size());
+        }
+    }
+    if (!sendsEnd) {
+        return StageEnd::Stopped;
+    }
+    return SendEnd(writer, ring);
 }
 
 StageEnd RunProducer(SharedPacketBufferIF& buffer, const RingOptions& ring, const InputFile& input,
                      std::uint64_t packetSize, const StageStops& stops, StageCounters& counters) {
     Tally tally(counters);
     PacketWriter writer(buffer, ring.size, ring.wait, stops.waiting);
-    std::vector<unsigned char> payload(packetSize);
-    for (std::int64_t pts = 0; !stops.cutting(); ++pts) {
-        const std::size_t count = input.Read({payload.data(), payload.size()}, stops.cutting);
+    InPlaceWriter inPlace(buffer);
+    PacketHeader header;
+    for (; !stops.cutting(); header.pts = header.pts + 1) {
+        ByteSpan room;
+        if (!IsWritten(writer.Reserve(inPlace, packetSize, room), ring.name)) {
+            return StageEnd::Stopped;
+        }
+        const std::size_t count = input.Read(room, stops.cutting);
         if (count == 0) {
+            inPlace.GiveUp();
             break;
         }
-        Packet packet;
-        packet.header.pts = pts;
-        packet.data = {payload.data(), count};
-        tally.See(packet.data);
-        if (!IsWritten(writer.Write(packet), ring.name)) {
-            return StageEnd::Stopped;
+        tally.See(room.first(count));  // as long as it is ours
+        if (inPlace.Commit(header, count) != SMStatusCode::SUCCESS) {
+            FailInconsistent(ring.name);
         }
         tally.HandedOn(count);
     }
-    const bool ended = IsWritten(writer.WriteCritical(MakeEndOfStream()), ring.name);
-    return ended ? StageEnd::EndOfStream : StageEnd::Stopped;
+    return SendEnd(writer, ring);
 }
 
 StageEnd RunReader(SharedPacketBufferIF& buffer, const RingOptions& ring, const OutputFile* output,

@@ -3,12 +3,15 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "CommandLine.h"
 #include "Files.h"
 #include "IdleStrategy.h"
+#include "NodeClaim.h"
 #include "SharedPacketBufferIF.h"
 
 namespace qel {
@@ -39,10 +42,33 @@ struct StageStops {
     StopPredicate waiting;  ///< stop at once, between two packets
 };
 
-/// Opens the ring for one stage and makes its pages present.
+/// A ring that is open for one stage, which holds its node as long as this lives.
+class StageRing {
+public:
+    StageRing(std::unique_ptr<SharedPacketBufferIF> buffer,
+              std::unique_ptr<const NodeClaim> claim) noexcept
+        : claim_(std::move(claim)), buffer_(std::move(buffer)) {}
+
+    SharedPacketBufferIF& operator*() const noexcept { return *buffer_; }
+
+private:
+    std::unique_ptr<const NodeClaim> claim_;  // given back when the buffer has gone
+    std::unique_ptr<SharedPacketBufferIF> buffer_;
+};
+
+/// Opens the ring for one stage, claims its node and makes its pages present.
 /// @throws UsageError when the ring that is there is another than described
-[[nodiscard]] std::unique_ptr<SharedPacketBufferIF> OpenStage(const RingOptions& ring,
-                                                              std::uint8_t node, bool sink);
+/// @throws NodeTaken when another process is this node
+[[nodiscard]] StageRing OpenStage(const RingOptions& ring, std::uint8_t node, bool sink);
+
+/// What node 0 sends next; nothing at the end. The data need be there until the next call only.
+using PacketSource = std::function<std::optional<Packet>()>;
+
+/// Node 0: writes what `source` gives, end marks too; then the end mark if it `sendsEnd`.
+/// @throws std::runtime_error when the ring fails
+StageEnd RunSource(SharedPacketBufferIF& buffer, const RingOptions& ring,
+                   const PacketSource& source, bool sendsEnd, const StageStops& stops,
+                   StageCounters& counters);
 
 /// Node 0: cuts `input` into packets of `packetSize` bytes with pts 0, 1, 2 and so on, and the end
 /// mark behind them.

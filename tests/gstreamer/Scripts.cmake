@@ -38,3 +38,7 @@ foreach(way Srt SrtOverNetem Rtp Tcp)
     qev_gst_script_test(RingsOfTwoMachinesAreJoinedBy${way} test_across_machines.py
                         ${across_machines} ${way})
 endforeach()
+
+if(TARGET qev-matroska)
+    qev_gst_script_test(RecordingsBecomeFilmsAndComeBack test_matroska.py $<TARGET_FILE:qev>)
+endif()

@@ -11,8 +11,9 @@ namespace qel::test {
 /// A command that has made its block and holds it.
 class BlockHolder {
 public:
-    explicit BlockHolder(const std::vector<std::string>& arguments, int in = -1)
-        : command_(arguments, {in, -1, messages_.In()}) {
+    explicit BlockHolder(const std::vector<std::string>& arguments, int in = -1,
+                         bool withoutPrivileges = false)
+        : command_(arguments, {in, -1, messages_.In(), withoutPrivileges}) {
         messages_.CloseIn();
         said_ = messages_.ReadTo("; held until Ctrl-C\n");
     }

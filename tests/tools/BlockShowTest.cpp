@@ -98,6 +98,7 @@ TEST_F(BlockShow, TellsRecordCreatorSizeAndWhoHasItOpen) {
     ExpectShown(Head() + Line(Record()) +
                 "creator    alive\n"
                 "size       4096 bytes\n"
+                "sealed     no\n"
                 "open by    " +
                 Self("creator, writes") + "\n           " + Self("reads") + "\n");
     EXPECT_TRUE(ReadFile(name_.LockPath()) == before);
@@ -106,7 +107,8 @@ TEST_F(BlockShow, TellsRecordCreatorSizeAndWhoHasItOpen) {
 TEST_F(BlockShow, TakesNoLock) {
     SharedMemoryBlockWriter writer(name_.Name(), 1);
     writer.LockForWrite();
-    ExpectShown(Head() + Line(Record()) + "creator    alive\nsize       1 bytes\nopen by    " +
+    ExpectShown(Head() + Line(Record()) +
+                "creator    alive\nsize       1 bytes\nsealed     no\nopen by    " +
                 Self("creator, writes") + "\n");
     writer.UnlockForWrite();
 }
@@ -116,8 +118,8 @@ TEST_F(BlockShow, ShowsWhoStillHasABlockWhoseCreatorIsGone) {
     const SharedMemoryBlockReader reader(name_.Name());
     holder.Process().Signal(SIGINT);
     EXPECT_EQ(holder.Process().Wait().status, 0);
-    ExpectShown(Head() + Line(Record()) + kGone + "size       12 bytes\nopen by    " +
-                Self("reads") + "\n");
+    ExpectShown(Head() + Line(Record()) + kGone +
+                "size       12 bytes\nsealed     no\nopen by    " + Self("reads") + "\n");
 }
 
 TEST_F(BlockShow, SaysWhenNobodyIsLeft) {
@@ -147,7 +149,7 @@ TEST_F(BlockShow, MemoryOfAnotherBlockIsStale) {
     ASSERT_EQ(write(fd, &uid, sizeof uid), static_cast<ssize_t>(sizeof uid));
     const SharedMemoryMetadata record = RecordOf(fd, 5);
     Forge(record);
-    ExpectShown(Head() + Line(record) + kStale + "size       0 bytes\nopen by    " +
+    ExpectShown(Head() + Line(record) + kStale + "size       0 bytes\nsealed     no\nopen by    " +
                 Self("writes") + "\n");
     (void)close(fd);
 }

@@ -51,10 +51,11 @@ void Become(std::vector<char*> argv, const Streams& streams, int out, int err) {
     // A block's memory file is passed on to commands; this one is to begin with nothing.
     (void)close_range(STDERR_FILENO + 1, ~0U, 0);
     // Another user might not be allowed to reach the command itself.
-    const bool lowered = !streams.withoutPrivileges || geteuid() != 0 ||
-                         (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) == 0 &&
-                          prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH) == 0 &&
-                          prctl(PR_CAPBSET_DROP, CAP_SYS_PTRACE) == 0);
+    const bool lowered =
+        !streams.withoutPrivileges || geteuid() != 0 ||
+        (prctl(PR_CAPBSET_DROP, CAP_CHOWN) == 0 && prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) == 0 &&
+         prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH) == 0 &&
+         prctl(PR_CAPBSET_DROP, CAP_SYS_PTRACE) == 0);
     if (placed && lowered) {
         (void)execv(QEV_COMMAND, argv.data());
     }

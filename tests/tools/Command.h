@@ -37,7 +37,7 @@ struct Streams {
     int in = -1;
     int out = -1;
     int err = -1;
-    /// Files' modes, and what processes hide, bind a superuser as well.
+    /// Files' modes and owners, and what processes hide, bind a superuser as well.
     bool withoutPrivileges = false;
 };
 

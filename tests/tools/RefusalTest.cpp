@@ -2,74 +2,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Command.h"
 #include "OpenRing.h"
-#include "UniqueRingName.h"
+#include "Refusal.h"
 
 namespace qel::test {
 namespace {
 
-/// Bad arguments and the line that refuses them. IN, OUT, NEW, DIR and NAME stand for a readable
-/// file, a file with content, a file that is not there, a folder and a free ring name.
-struct Row {
-    std::vector<std::string> arguments;
-    std::string line;
-};
-
-std::ostream& operator<<(std::ostream& stream, const Row& row) {
-    for (const std::string& argument : row.arguments) {
-        stream << argument << ' ';
-    }
-    return stream;
-}
-
-class Refusal : public testing::TestWithParam<Row> {
-protected:
-    void SetUp() override {
-        WriteFile(folder_.Path("IN"), "input");
-        WriteFile(folder_.Path("OUT"), "precious");
-        ASSERT_EQ(mkdir(folder_.Path("DIR").c_str(), 0777), 0);
-    }
-
-    /// What a command made that should have refused.
-    void TearDown() override {
-        (void)unlink(LockPath().c_str());
-        (void)unlink(SemaphorePath().c_str());
-    }
-
-    [[nodiscard]] std::string LockPath() const { return "/tmp/" + name_.Name() + "_shm.lock"; }
-    [[nodiscard]] std::string SemaphorePath() const { return "/dev/shm/sem." + name_.Name(); }
-
-    [[nodiscard]] std::string Filled(std::string text) const {
-        for (const char* const word : {"IN", "OUT", "NEW", "DIR"}) {
-            text = Replaced(text, word, folder_.Path(word));
-        }
-        return Replaced(text, "NAME", name_.Name());
-    }
-
-    [[nodiscard]] std::vector<std::string> Filled(std::vector<std::string> texts) const {
-        for (std::string& text : texts) {
-            text = Filled(text);
-        }
-        return texts;
-    }
-
-    UniqueRingName name_;
-    TemporaryFolder folder_;
-
-private:
-    static std::string Replaced(std::string text, const std::string& word,
-                                const std::string& with) {
-        for (auto at = text.find(word); at != std::string::npos;
-             at = text.find(word, at + with.size())) {
-            text.replace(at, word.size(), with);
-        }
-        return text;
-    }
-};
+using Row = RefusalRow;
 
 TEST_P(Refusal, IsOneLineAndTouchesNothing) {
     const CommandResult result = RunQev(Filled(GetParam().arguments));
@@ -262,9 +207,10 @@ INSTANTIATE_TEST_SUITE_P(Command, Refusal,
 
 TEST(RefusalWithoutAName, IsOneLine) {
     for (const std::string verb : {"block write", "block read", "block show", "sem show",
-                                   "sem post", "sem wait", "sem try"}) {
-        const auto blank = verb.find(' ');
-        const CommandResult result = RunQev({verb.substr(0, blank), verb.substr(blank + 1)});
+                                   "sem post", "sem wait", "sem try", "inspect"}) {
+        std::istringstream words(verb);
+        const CommandResult result =
+            RunQev(std::vector<std::string>(std::istream_iterator<std::string>(words), {}));
         EXPECT_EQ(result.status, 2);
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(result.err, "qev " + verb + ": NAME is required\n");
@@ -333,32 +279,6 @@ TEST_F(RefusalOfPermission, OutputThatMustNotBeWrittenIsRefused) {
     EXPECT_EQ(ReadFile(folder_.Path("OUT")), "precious");
     EXPECT_FALSE(Exists(name_.Path()));
 }
-
-class Help : public testing::TestWithParam<std::vector<std::string>> {};
-
-TEST_P(Help, GoesToStandardOutputWithSuccess) {
-    const CommandResult result = RunQev(GetParam());
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "");
-    EXPECT_GE(Lines(result.out), 1);
-}
-
-INSTANTIATE_TEST_SUITE_P(Verbs, Help,
-                         testing::Values(std::vector<std::string>{"--help"},
-                                         std::vector<std::string>{"--version"},
-                                         std::vector<std::string>{"pipeline", "--help"},
-                                         std::vector<std::string>{"produce", "--help"},
-                                         std::vector<std::string>{"node", "--help"},
-                                         std::vector<std::string>{"consume", "--help"},
-                                         std::vector<std::string>{"block", "--help"},
-                                         std::vector<std::string>{"block", "write", "--help"},
-                                         std::vector<std::string>{"block", "read", "--help"},
-                                         std::vector<std::string>{"block", "show", "--help"},
-                                         std::vector<std::string>{"sem", "--help"},
-                                         std::vector<std::string>{"sem", "show", "--help"},
-                                         std::vector<std::string>{"sem", "post", "--help"},
-                                         std::vector<std::string>{"sem", "wait", "--help"},
-                                         std::vector<std::string>{"sem", "try", "--help"}));
 
 TEST(Version, IsNameAndNumber) {
     EXPECT_EQ(RunQev({"--version"}).out, "qev 1.0.0\n");

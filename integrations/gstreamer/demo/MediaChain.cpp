@@ -21,6 +21,7 @@
 #include "Picture.h"
 #include "Signals.h"
 #include "StreamObjects.h"
+#include "Text.h"
 
 namespace qel {
 namespace {

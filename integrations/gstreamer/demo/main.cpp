@@ -10,6 +10,7 @@
 #include "CommandLine.h"
 #include "MediaChain.h"
 #include "RingRules.h"
+#include "Text.h"
 
 namespace qel {
 namespace {

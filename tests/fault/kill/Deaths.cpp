@@ -6,8 +6,10 @@
 #include <array>
 #include <numeric>
 
+#include "ChildProcess.h"
 #include "Examination.h"
 #include "Forked.h"
+#include "Naming.h"
 #include "RowTexts.h"
 #include "SharedValue.h"
 #include "Victim.h"
@@ -59,12 +61,13 @@ public:
                                 operation.filler == 0 ? kOffset : kSize - operation.filler);
         }
         before_ = ring.Save();
+        const RecordSource records(ring.File());
         const std::uint64_t next = ring.View().control.rIdx.at(node_).load();
         for (std::uint64_t place = next; held_.size() < static_cast<std::size_t>(operation.held);
              place += held_.back()) {
-            held_.push_back(RecordAt(ring.View(), place)->length);
+            held_.push_back(RecordAt(records, place)->length);
         }
-        taken_ = Reads() ? RecordAt(ring.View(), next)->length : 0;
+        taken_ = Reads() ? RecordAt(records, next)->length : 0;
     }
 
     void KillAfterEveryAccess(RowTexts& texts) {
@@ -119,12 +122,32 @@ private:
                 held.at(node) += kPacketHeaderSize + packet.data.size();
             }
         }
-        const auto findings = Examine(ring_.View(), node_, held, ring_.Form().Limit());
+        const RecordSource records(ring_.File());
+        const auto findings = Examine(ring_.Sight(records), node_, held, ring_.Form().Limit());
         ASSERT_TRUE(findings) << "nothing explains what is left";
         measured_.back().findings = *findings;
+        ExpectToBeNamed(*findings, held);
         if (!busy_) {  // else what the living held is handed on as well
-            EXPECT_TRUE(PutRight(ring_.View(), ring_.Form().maxFrames));
+            EXPECT_TRUE(PutRight(ring_));
             measured_.back().changes = Changed();
+            RepairInterrupted(ring_, states_.back());
+        }
+    }
+
+    /// As the command sees it, while the others are there and, if they held nothing, once they are
+    /// stopped.
+    void ExpectToBeNamed(const Findings& findings, const HeldBytes& held) const {
+        const std::uint8_t sink = ring_.Form().sink;
+        const RecordSource records(ring_.File());
+        const auto next = RecordAt(records, ring_.View().control.rIdx[1].load());
+        Situation situation{node_, true, held, next && next->length == kPacketHeaderSize};
+        const RingUsers others = AllBut(node_, sink, sleeper_.Pid());
+        ExpectNamed(findings, NameWhatIsLeft(ring_, others, 0), ring_, situation);
+        if (!busy_) {
+            situation.areOthersThere = false;
+            for (const unsigned nodes : {0U, sink + 1U}) {
+                ExpectNamed(findings, NameWhatIsLeft(ring_, {}, nodes), ring_, situation);
+            }
         }
     }
 
@@ -159,7 +182,7 @@ private:
                 result.naive |= GoOn(ring_, States(), traffic);
 
                 ring_.Restore(left);
-                result.canBePutRight = PutRight(ring_.View(), ring_.Form().maxFrames);
+                result.canBePutRight = PutRight(ring_);
                 NodeStates states = States();
                 for (NodeState& state : states) {
                     state.held.clear();
@@ -216,6 +239,10 @@ private:
     std::vector<Leaving> leavings_;
     std::vector<std::uint64_t> held_;  // lengths of what the victim holds
     std::uint64_t taken_ = 0;          // length of what it reads
+    ChildProcess sleeper_{[](const Conversation& parent) {
+        (void)parent.Hear();
+        return 0;
+    }};
 };
 
 }  // namespace

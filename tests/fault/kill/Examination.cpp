@@ -12,15 +12,15 @@ using Found = EndOfRecords::Found;
 /// Looks at one place after the other, and adds up the bytes that it can tell the fate of.
 class Look {
 public:
-    Look(const RingView& ring, std::uint8_t dead, const HeldBytes& held)
+    Look(const RingSight& ring, std::uint8_t dead, const HeldBytes& held)
         : ring_(ring), dead_(dead), held_(held) {}
 
     [[nodiscard]] std::optional<Findings> Find(std::uint32_t limit) {
-        const ControlBlock& control = ring_.control;
+        const RingFields& control = ring_.fields;
         if (control.maxPackets != limit) {
             findings_.insert(Finding::LimitMissing);
         }
-        if (IsUntouched() && control.avail[0].load() == 0) {
+        if (IsUntouched() && control.avail[0] == 0) {
             findings_ = {Finding::NeverInitialised};
             return findings_;
         }
@@ -29,18 +29,18 @@ public:
             return std::nullopt;
         }
         std::uint64_t sum = known_;
-        for (gsl::index node = 0; node <= ring_.sink; ++node) {
-            sum += gsl::at(control.avail, node).load() + gsl::at(held_, node);
+        for (gsl::index node = 0; node <= static_cast<gsl::index>(ring_.sink); ++node) {
+            sum += gsl::at(control.avail, node) + gsl::at(held_, node);
         }
-        return sum == ring_.size ? std::optional(findings_) : std::nullopt;
+        return sum == ring_.Size() ? std::optional(findings_) : std::nullopt;
     }
 
 private:
     [[nodiscard]] bool IsUntouched() const {
-        std::uint64_t sum = ring_.control.wIdx[0].load();
-        for (gsl::index node = 1; node <= ring_.sink; ++node) {
-            sum += gsl::at(ring_.control.avail, node).load();
-            sum += gsl::at(ring_.control.rIdx, node).load();
+        std::uint64_t sum = ring_.fields.wIdx[0];
+        for (gsl::index node = 1; node <= static_cast<gsl::index>(ring_.sink); ++node) {
+            sum += gsl::at(ring_.fields.avail, node);
+            sum += gsl::at(ring_.fields.rIdx, node);
         }
         return sum == 0;
     }
@@ -50,8 +50,8 @@ private:
     [[nodiscard]] std::optional<EndOfRecords> FindEndKnowingTheDead() const {
         auto end = FindEnd(ring_);
         if (end && end->found == Found::ReaderTaking && dead_ == 0) {
-            end = {end->offset + ring_.size - kPacketHeaderSize, Found::FillerBegun};
-            end->offset %= ring_.size;
+            end = {end->offset + ring_.Size() - kPacketHeaderSize, Found::FillerBegun};
+            end->offset %= ring_.Size();
         }
         return end;
     }
@@ -68,7 +68,7 @@ private:
                 return true;
             case Found::ReaderTaking:
                 return dead_ == 1 && Lost(Finding::TakingBytesLost,
-                                          RecordAt(ring_, ring_.control.rIdx[1].load())->length);
+                                          RecordAt(ring_.records, ring_.fields.rIdx[1])->length);
             case Found::RecordHandedOn:
                 return dead_ == 0 && Lost(Finding::RecordHandedOn, 0);
             case Found::FillerBegun:
@@ -84,11 +84,11 @@ private:
     bool LookAtReaders(std::uint64_t end) {
         for (std::uint8_t node = 1; node <= ring_.sink; ++node) {
             const bool last = node == ring_.sink;
-            const std::uint64_t next = last ? end + ring_.control.avail[0].load()
-                                            : gsl::at(ring_.control.rIdx, node + 1).load() +
-                                                  gsl::at(ring_.control.avail, node + 1).load();
-            const std::uint64_t gap = ring_.Distance(next + gsl::at(held_, node),
-                                                     gsl::at(ring_.control.rIdx, node).load());
+            const std::uint64_t next =
+                last ? end + ring_.fields.avail[0]
+                     : gsl::at(ring_.fields.rIdx, node + 1) + gsl::at(ring_.fields.avail, node + 1);
+            const std::uint64_t gap =
+                ring_.Distance(next + gsl::at(held_, node), gsl::at(ring_.fields.rIdx, node));
             if (gap != 0 && !Explain(node, last, end, gap)) {
                 return false;
             }
@@ -101,10 +101,10 @@ private:
             return Lost(Finding::HeldBytesLost, gap);
         }
         if (!last && dead_ == node + 1) {
-            const auto record = RecordAt(ring_, gsl::at(ring_.control.rIdx, dead_).load());
+            const auto record = RecordAt(ring_.records, gsl::at(ring_.fields.rIdx, dead_));
             return record && record->length == gap && Lost(Finding::TakingBytesLost, gap);
         }
-        const auto record = RecordAt(ring_, end);
+        const auto record = RecordAt(ring_.records, end);
         if (!last || dead_ != 0 || !record || record->length != gap) {
             return false;
         }
@@ -115,24 +115,24 @@ private:
     }
 
     bool LookAtCount(const EndOfRecords& end) {
-        const ControlBlock& control = ring_.control;
+        const RingFields& control = ring_.fields;
         if (control.maxPackets == 0) {
-            return control.numPackets.load() == 0;
+            return control.numPackets == 0;
         }
-        const std::uint64_t readIndex = gsl::at(control.rIdx, ring_.sink).load();
+        const std::uint64_t readIndex = gsl::at(control.rIdx, ring_.sink);
         const std::uint64_t oldest = dead_ == ring_.sink
-                                         ? end.offset + control.avail[0].load()
-                                         : readIndex + ring_.size - gsl::at(held_, ring_.sink);
-        const std::uint64_t start = oldest % ring_.size;
-        const auto records = CountRecords(ring_, start, ring_.Distance(start, end.offset));
-        if (records && control.numPackets.load() == *records + 1) {
+                                         ? end.offset + control.avail[0]
+                                         : readIndex + ring_.Size() - gsl::at(held_, ring_.sink);
+        const std::uint64_t start = oldest % ring_.Size();
+        const auto records = CountRecords(ring_.records, start, ring_.Distance(start, end.offset));
+        if (records && control.numPackets == *records + 1) {
             findings_.insert(Finding::CountHigh);
             return true;
         }
-        return records && control.numPackets.load() == *records;
+        return records && control.numPackets == *records;
     }
 
-    const RingView& ring_;
+    const RingSight& ring_;
     std::uint8_t dead_;
     const HeldBytes& held_;
     Findings findings_;
@@ -141,7 +141,7 @@ private:
 
 }  // namespace
 
-std::optional<Findings> Examine(const RingView& ring, std::uint8_t dead, const HeldBytes& held,
+std::optional<Findings> Examine(const RingSight& ring, std::uint8_t dead, const HeldBytes& held,
                                 std::uint32_t limit) {
     return Look(ring, dead, held).Find(limit);
 }

@@ -31,7 +31,7 @@ using HeldBytes = std::array<std::uint64_t, kMaxNodes>;
 /// What the death of `dead` has left.
 /// @param limit  the packet limit that the ring is to have, as a fresh one stands it
 /// @return nothing if the ring is in a state that no death explains
-std::optional<Findings> Examine(const RingView& ring, std::uint8_t dead, const HeldBytes& held,
+std::optional<Findings> Examine(const RingSight& ring, std::uint8_t dead, const HeldBytes& held,
                                 std::uint32_t limit);
 
 /// As the table says it: what is left behind, and how it shows. L is the length of the record that

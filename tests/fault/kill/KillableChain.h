@@ -38,6 +38,8 @@ public:
     /// when it has released what there was to be read. False if one does not come to rest.
     bool Rest();
 
+    [[nodiscard]] pid_t Process(std::uint8_t node) const { return processes_.at(node); }
+
     /// What survivors have complained of, empty if nothing.
     [[nodiscard]] std::string Complaints() const;
     /// True if the sink has read every packet.

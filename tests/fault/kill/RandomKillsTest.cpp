@@ -14,6 +14,7 @@
 #include "Examination.h"
 #include "KillableChain.h"
 #include "LongForm.h"
+#include "Naming.h"
 
 namespace qel::test {
 namespace {
@@ -109,7 +110,8 @@ protected:
 
     void Judge(std::uint8_t victim) {
         const std::string role = victim == 0 ? "writer" : victim == kSink ? "sink" : "middle node";
-        const auto findings = Examine(ring_.View(), victim, {}, ring_.Form().Limit());
+        const RecordSource records(ring_.File());
+        const auto findings = Examine(ring_.Sight(records), victim, {}, ring_.Form().Limit());
         ASSERT_TRUE(findings) << "nothing explains what the " << role << " left";
         Words words;
         std::string text;
@@ -118,7 +120,20 @@ protected:
             text += (text.empty() ? "" : ", ") + LeftText(finding);
         }
         EXPECT_TRUE(outcomes_.Have(role, Split(text))) << role << ": " << text;
+        ExpectToBeNamed(*findings, victim);
         ++histogram_[role + ": " + (text.empty() ? "nothing" : text)];
+    }
+
+    /// As the command sees it, while the others rest and once they are stopped.
+    void ExpectToBeNamed(const Findings& findings, std::uint8_t victim) {
+        const RecordSource records(ring_.File());
+        const auto next = RecordAt(records, ring_.View().control.rIdx[1].load());
+        Situation situation{victim, true, {}, next && next->length == kPacketHeaderSize};
+        const pid_t other = chain_.Process(victim == 0 ? kSink : 0);
+        ExpectNamed(findings, NameWhatIsLeft(ring_, AllBut(victim, kSink, other), 0), ring_,
+                    situation);
+        situation.areOthersThere = false;
+        ExpectNamed(findings, NameWhatIsLeft(ring_, {}, kSink + 1U), ring_, situation);
     }
 
     /// The ring is put right or, now and then, a new one takes its place.
@@ -128,7 +143,7 @@ protected:
             ring_.Clear();
             (void)ring_.Open(0);  // others may be at work before the successor has opened it
         } else {
-            ASSERT_TRUE(PutRight(ring_.View(), ring_.Form().maxFrames));
+            ASSERT_TRUE(PutRight(ring_));
         }
         chain_.Start(victim, resets);
         chain_.Resume();

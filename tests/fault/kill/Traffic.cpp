@@ -9,6 +9,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "RingRepair.h"
 #include "SharedBuffer.h"
 #include "SharedPacketBuffer.h"
 #include "Sys.h"
@@ -67,6 +68,7 @@ RingImage::RingImage(const Shape& shape)
     if (start_ == MAP_FAILED) {
         throw std::runtime_error("the ring cannot be mapped");
     }
+    file_ = RingFile::Open(name_.Name());
 }
 
 RingImage::~RingImage() {
@@ -87,9 +89,7 @@ std::unique_ptr<SharedPacketBufferIF> RingImage::Open(std::uint8_t node,
 }
 
 RingView RingImage::View() const {
-    return {*static_cast<ControlBlock*>(start_),
-            static_cast<const unsigned char*>(start_) + sizeof(ControlBlock), shape_.size,
-            shape_.sink};
+    return {*static_cast<ControlBlock*>(start_)};
 }
 
 RingImage::Bytes RingImage::Save() const {
@@ -103,6 +103,15 @@ void RingImage::Restore(const Bytes& bytes) const {
 
 void RingImage::Clear() const {
     std::memset(start_, 0, length_);
+}
+
+bool PutRight(const RingImage& ring) {
+    const RingRepairPlan plan =
+        PlanRepair(ring.File(), {ring.Form().sink + 1U, ring.Form().maxFrames});
+    if (plan.CanBeDone()) {
+        RingHold(ring.File(), RingHold::IfInUse::Refuse).Apply(plan);
+    }
+    return plan.CanBeDone();
 }
 
 void Sights::operator|=(const Sights& other) {

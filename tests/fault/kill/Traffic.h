@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ControlBlock.h"
 #include "RepairRule.h"
+#include "RingFile.h"
 #include "SharedPacketBufferIF.h"
 #include "SysIF.h"
 #include "UniqueRingName.h"
@@ -30,6 +32,11 @@ SMStatusCode WriteNumbered(SharedPacketBufferIF& ring, std::int64_t number, std:
 /// True for a filler, and for a packet all bytes of which are as they were written.
 bool IsIntact(const Packet& packet);
 
+/// A ring's memory.
+struct RingView {
+    ControlBlock& control;
+};
+
 /// The object of a ring that no other test uses, mapped for looking at, saving and restoring.
 class RingImage {
 public:
@@ -44,6 +51,11 @@ public:
     [[nodiscard]] std::unique_ptr<SharedPacketBufferIF> Open(
         std::uint8_t node, std::shared_ptr<SysIF> sys = nullptr) const;
     [[nodiscard]] RingView View() const;
+    /// As others see it from outside.
+    [[nodiscard]] const RingFile& File() const { return *file_; }
+    [[nodiscard]] RingSight Sight(const RecordSource& records) const {
+        return {file_->Fields(), records, shape_.sink};
+    }
     [[nodiscard]] const UniqueRingName& Name() const { return name_; }
 
     using Bytes = std::vector<unsigned char>;
@@ -57,7 +69,11 @@ private:
     Shape shape_;
     std::uint64_t length_;
     void* start_;
+    std::optional<RingFile> file_;
 };
+
+/// Puts the ring right, as the command does it. False if that cannot be done.
+bool PutRight(const RingImage& ring);
 
 /// A node as it was when somebody died: what it holds and where it was.
 struct NodeState {
