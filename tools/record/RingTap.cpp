@@ -143,8 +143,11 @@ RingTap::Look RingTap::CopyRestOfLap() {
     if (!Copy(ring_.Size())) {
         return Look::Nothing;
     }
+    const auto index = WriteIndex();
+    Fence();
     const auto written = EndOfWriting();
-    if (!written || position_ == 0 || !marks_.LastStands(ring_, *written, position_ - 1)) {
+    if (!index || !written || *written > position_ || position_ == 0 ||
+        !marks_.LastStands(ring_, *index, position_ - 1)) {
         copied_ = 0;
         return Missed();
     }
@@ -181,18 +184,18 @@ RingTap::Look RingTap::Missed() {
 RingTap::Look RingTap::FindNextLap(const LapStamp& now) {
     Fence();
     const auto index = WriteIndex();
-    if (!index || *index < now.ContentEnd()) {
+    Fence();
+    const auto after = LapStamp::Take(ring_, marks_.By());
+    if (!index || !after || !now.Matches(*after)) {
+        return Look::Nothing;
+    }
+    if (*index < now.ContentEnd()) {
         const bool isUnseen = !missed_ && !stamp_.Matches(now) &&
                               marks_.LastHasGone(ring_, now.ContentEnd(), ring_.Size());
         return isUnseen ? Missed() : Look::Nothing;
     }
     if (!missed_ && !NoLapWentBy(now)) {
         return Missed();
-    }
-    Fence();
-    const auto after = LapStamp::Take(ring_, marks_.By());
-    if (!after || !now.Matches(*after)) {
-        return Look::Nothing;
     }
     stamp_ = *after;  // `now` may have been taken ahead of the payload
     position_ = 0;
@@ -206,14 +209,18 @@ RingTap::Look RingTap::FindNextLap(const LapStamp& now) {
 bool RingTap::NoLapWentBy(const LapStamp& now) const {
     // The filler began less than a header ahead of that, and a mark ahead of it is gone wholly.
     const std::uint64_t aheadOfFiller = now.FirstRecord() + 2 * kPacketHeaderSize;
+    const auto index = WriteIndex();
+    Fence();
     const auto written = EndOfWriting();
-    if (!written || aheadOfFiller > ring_.Size()) {
+    if (!index || !written || aheadOfFiller > ring_.Size()) {
         return false;
     }
     const std::uint64_t last = ring_.Size() - aheadOfFiller;
     const std::uint64_t ofLargeRoom = std::min(last, ring_.Size() / 4 * 3);
-    const bool hasOne = marks_.HasReadOne(*written, ofLargeRoom);
-    return marks_.LastStands(ring_, *written, hasOne ? ofLargeRoom : last);
+    // Where a record is under way a mark may still stand; it is asked if there is no other.
+    return marks_.HasReadOne(*written, ofLargeRoom)
+               ? marks_.LastStands(ring_, *written, ofLargeRoom)
+               : marks_.LastStands(ring_, *index, last);
 }
 
 bool RingTap::Copy(std::uint64_t limit) {

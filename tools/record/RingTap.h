@@ -44,18 +44,19 @@ struct [[nodiscard]] TapResult {
 ///     the stamp was first seen belongs to this lap; so bytes below the index are copied first, and
 ///     delivered if the stamp is unchanged afterwards.
 ///  2. A lap overwrites from the start on without a gap. So when a lap has begun, the rest of the
-///  one
-///     before is still there as long as the head of a record ahead of that rest, a mark, is, and
-///     the record that is being written ends ahead of the mark. How far that goes its head tells,
-///     which is stored first; when the index has moved meanwhile, that does.
+///     one before is still there as long as the head of a record ahead of that rest, a mark, is,
+///     and the record that is being written ends ahead of the rest. How far that goes its head
+///     tells, which is stored first; when the index has moved meanwhile, that does. (Who fills
+///     reserved room from its end, and then uses less of it, escapes this: a packet may be torn.)
 ///  3. A whole lap may have gone by between two looks. That lap ended at a filler, or it would have
 ///     overwritten all marks; the filler was put there for the first record of the lap that is
 ///     seen, which found no room: it would have run over the end, or left less than a header ahead
 ///     of it. So if a mark stands that is further than that record and a header from the ring's
 ///     end, there was no such lap. Of room reserved in place the packet may have taken less, so a
-///     mark ahead of the ring's last quarter is asked if there is one. (A writer that gives up a
-///     record for which it has made a filler, or takes much less than the quarter of the ring that
-///     it reserved, escapes this: a short lap of such a writer may be missed unseen, never torn.)
+///     mark ahead of the ring's last quarter is asked if there is one. (Who gives up a record for
+///     which a filler was made, or takes much less than was reserved, may escape this: a short lap
+///     is missed unsaid then, but nothing is torn. Where a lap is one record no mark is left to
+///     ask: an overrun is said ahead of each.)
 /// Ahead of the first lap that is read, what stood all over the ring serves as marks; of those, a
 /// quarter must stand. A first lap on a fresh ring whose payloads are zeros can be missed unseen.
 /// Heads are told apart by time stamp and time; by the first bytes of the payload as well if they
@@ -95,8 +96,8 @@ private:
 
     [[nodiscard]] std::optional<std::uint64_t> WriteIndex() const noexcept;
     void TryBegin();
-    [[nodiscard]] std::uint64_t NoteLapUpTo(std::uint64_t index);
-    [[nodiscard]] std::uint64_t PlaceAt(std::uint64_t index) const;
+    [[nodiscard]] std::optional<std::uint64_t> NoteLapUpTo(std::uint64_t index);
+    [[nodiscard]] std::optional<std::uint64_t> PlaceAt(std::uint64_t index) const;
     [[nodiscard]] bool BeginAtOldest(std::uint64_t index);
     void BeginAt(std::uint64_t place, const LapStamp& stamp);
     [[nodiscard]] Look LookAgain();

@@ -19,7 +19,7 @@ void RingTap::TryBegin() {
     if (!stamp || !index || ring_.Fields().initialised == 0) {
         return;
     }
-    std::uint64_t place = 0;
+    std::optional<std::uint64_t> place = 0;
     if (*index < stamp->ContentEnd()) {
         marks_.TakeAll(ring_);
     } else {
@@ -27,17 +27,18 @@ void RingTap::TryBegin() {
     }
     std::atomic_thread_fence(std::memory_order_seq_cst);
     const auto after = LapStamp::Take(ring_, marks_.By());
-    if (!after || !stamp->Matches(*after)) {
+    if (!place || !after || !stamp->Matches(*after)) {
         return;
     }
     if (start_ != Start::Oldest || !BeginAtOldest(*index)) {
-        BeginAt(place, *after);
+        BeginAt(*place, *after);
     }
     begun_ = true;
 }
 
-/// Marks of what stands ahead of the place where the tap begins, and that place.
-std::uint64_t RingTap::NoteLapUpTo(std::uint64_t index) {
+/// Marks of what stands ahead of the place where the tap begins, and that place; nothing if it
+/// cannot be told at this moment.
+std::optional<std::uint64_t> RingTap::NoteLapUpTo(std::uint64_t index) {
     constexpr int kMostRecords = 1 << 16;  // of rings with more, the first ones
     marks_.Clear();
     std::array<unsigned char, kMostTellingBytes> head{};
@@ -60,14 +61,23 @@ std::uint64_t RingTap::NoteLapUpTo(std::uint64_t index) {
     return index;
 }
 
-/// Where the record begins that is written next, without a look at those ahead of it.
-std::uint64_t RingTap::PlaceAt(std::uint64_t index) const {
-    // Behind the header of a filler to the end the index is for a moment only, at no record.
+/// The same without a look at the records ahead of it.
+std::optional<std::uint64_t> RingTap::PlaceAt(std::uint64_t index) const {
     const std::uint64_t before = index - kPacketHeaderSize;
     const auto header = ring_.HeaderAt(before);
-    const bool isInFiller = header && header->ignoreData && header->length != 0 &&
-                            EndOf(*header, before, ring_.Size()) == ring_.Size();
-    return isInFiller ? before : index;
+    const auto end =
+        header && header->length != 0 ? EndOf(*header, before, ring_.Size()) : std::nullopt;
+    if (!end) {
+        return index;
+    }
+    if (header->ignoreData && *end == ring_.Size()) {
+        return before;
+    }
+    // Behind a header the index is for a moment only; what a payload ends with may look like one.
+    const RingFields fields = ring_.Fields();
+    const std::uint64_t handedOn = (fields.rIdx[1] + fields.avail[1]) % ring_.Size();
+    const bool isAtRest = fields.wIdx[0] == index && handedOn == index;
+    return isAtRest ? std::optional(index) : std::nullopt;
 }
 
 void RingTap::BeginAt(std::uint64_t place, const LapStamp& stamp) {

@@ -22,7 +22,8 @@ namespace qel {
 /// For readers it is a packet as any other. A reservation changes nothing that the other nodes see:
 /// who dies with one, or gives it up, leaves the ring as it was, but for the filler that took the
 /// writer back to the start, if there was one. (At the write index the head of a filler stands
-/// meanwhile, by which those who only look on know how many bytes may change.)
+/// meanwhile, by which those who only look on know how many bytes may change. Where a ring is
+/// recorded, room of which not all is used should be filled from its start.)
 ///
 /// While a reservation is held, the node must not write in another way: the packet would lie where
 /// the reservation does. (Commit refuses then.)
