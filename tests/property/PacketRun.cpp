@@ -169,7 +169,7 @@ void PacketRun::WriteInPlace(const PacketCommand& command) {
     const reference::Seen expected = pair.expected->Reserve(twin_.Expected(), kProducer, size);
     CompareStatus(room.status, expected.status);
     twin_.CompareView(room.data, expected);
-    twin_.Compare();  // but for a filler, nobody has seen it
+    twin_.Compare();  // but for a filler and the head, nobody has seen it
     if (room.status != SMStatusCode::SUCCESS) {
         return;
     }

@@ -11,6 +11,12 @@ void Append(Bytes& bytes, std::uint64_t number, int width) {
     }
 }
 
+void Store(Segment& segment, std::uint64_t place, const Bytes& bytes) {
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        segment.data.at(place + i) = bytes.at(i);
+    }
+}
+
 }  // namespace
 
 Bytes Fields::Image() const {
@@ -70,7 +76,7 @@ Status PacketNode::Fill(std::uint64_t room) {
     return filled.status;
 }
 
-Seen PacketNode::Reserve(const Segment& segment, unsigned node, std::uint64_t size) {
+Seen PacketNode::Reserve(Segment& segment, unsigned node, std::uint64_t size) {
     const auto refuse = [this](const char* situation, Status status) {
         events_.Note(situation);
         return Seen{0, 0, status};
@@ -98,14 +104,17 @@ Seen PacketNode::Reserve(const Segment& segment, unsigned node, std::uint64_t si
         }
         events_.Note("reserved after a filler");
     }
-    return {segment.wIdx.at(node) + kHeader, size, Status::Success};
+    Fields filler;
+    filler.length = size;
+    filler.ignoreData = true;
+    const std::uint64_t start = segment.wIdx.at(node);
+    Store(segment, start, filler.Image());
+    return {start + kHeader, size, Status::Success};
 }
 
 Status PacketNode::Commit(Segment& segment, std::uint64_t place, Fields fields,
                           const Bytes& payload) {
-    for (std::size_t i = 0; i < payload.size(); ++i) {
-        segment.data.at(place + i) = payload.at(i);
-    }
+    Store(segment, place, payload);
     fields.length = payload.size();
     return ring_.WriteHeaderSkipPayload(fields.Image(), payload.size()).status;
 }

@@ -34,7 +34,7 @@ public:
     Status Write(const Fields& fields, const Bytes& payload, bool critical);
     Status WriteMultiData(const Fields& fields, const std::vector<Bytes>& spans);
     /// The room for a payload of up to `size` bytes at node `node`, which is this one.
-    Seen Reserve(const Segment& segment, unsigned node, std::uint64_t size);
+    Seen Reserve(Segment& segment, unsigned node, std::uint64_t size);
     /// Puts the payload where it was reserved.
     Status Commit(Segment& segment, std::uint64_t place, Fields fields, const Bytes& payload);
     ReadPacket ReadNext(const Segment& segment);

@@ -113,7 +113,7 @@ RingTap::Look RingTap::LookAgain() {
         return FindNextLap(*now);
     }
     const bool isSameLap = stamp_.Matches(*now);
-    if (isSameLap && *index >= position_) {
+    if (isSameLap && *index >= position_ && *index != 0) {  // 0: behind a lap to the very end
         return CopyLap(*index);
     }
     if (position_ == ring_.Size()) {
@@ -186,8 +186,11 @@ RingTap::Look RingTap::FindNextLap(const LapStamp& now) {
     const auto index = WriteIndex();
     Fence();
     const auto after = LapStamp::Take(ring_, marks_.By());
-    if (!index || !after || !now.Matches(*after)) {
+    if (!index || !after) {
         return Look::Nothing;
+    }
+    if (!now.Matches(*after)) {
+        return Look::Data;  // none, but it is worth another look
     }
     if (*index < now.ContentEnd()) {
         const bool isUnseen = !missed_ && !stamp_.Matches(now) &&

@@ -96,8 +96,7 @@ private:
 
     [[nodiscard]] std::optional<std::uint64_t> WriteIndex() const noexcept;
     void TryBegin();
-    [[nodiscard]] std::optional<std::uint64_t> NoteLapUpTo(std::uint64_t index);
-    [[nodiscard]] std::optional<std::uint64_t> PlaceAt(std::uint64_t index) const;
+    [[nodiscard]] std::uint64_t NoteLapUpTo(std::uint64_t index);
     [[nodiscard]] bool BeginAtOldest(std::uint64_t index);
     void BeginAt(std::uint64_t place, const LapStamp& stamp);
     [[nodiscard]] Look LookAgain();

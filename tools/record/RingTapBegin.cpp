@@ -19,7 +19,7 @@ void RingTap::TryBegin() {
     if (!stamp || !index || ring_.Fields().initialised == 0) {
         return;
     }
-    std::optional<std::uint64_t> place = 0;
+    std::uint64_t place = 0;
     if (*index < stamp->ContentEnd()) {
         marks_.TakeAll(ring_);
     } else {
@@ -27,57 +27,43 @@ void RingTap::TryBegin() {
     }
     std::atomic_thread_fence(std::memory_order_seq_cst);
     const auto after = LapStamp::Take(ring_, marks_.By());
-    if (!place || !after || !stamp->Matches(*after)) {
+    if (!after || !stamp->Matches(*after)) {
         return;
     }
     if (start_ != Start::Oldest || !BeginAtOldest(*index)) {
-        BeginAt(*place, *after);
+        BeginAt(place, *after);
     }
     begun_ = true;
 }
 
-/// Marks of what stands ahead of the place where the tap begins, and that place; nothing if it
-/// cannot be told at this moment.
-std::optional<std::uint64_t> RingTap::NoteLapUpTo(std::uint64_t index) {
-    constexpr int kMostRecords = 1 << 16;  // of rings with more, the first ones
+/// Marks of what stands ahead of the place where the tap begins, and that place.
+std::uint64_t RingTap::NoteLapUpTo(std::uint64_t index) {
+    constexpr int kMostRecords = 1 << 24;  // a forged ring may have more than there is time for
     marks_.Clear();
-    std::array<unsigned char, kMostTellingBytes> head{};
+    std::array<unsigned char, 4096> window{};
+    std::uint64_t windowAt = 0;
+    std::uint64_t windowEnd = 0;
     std::uint64_t offset = 0;
-    for (int record = 0; offset < index; ++record) {
-        if (record == kMostRecords) {
-            return PlaceAt(index);
+    for (int record = 0; record < kMostRecords && offset < index; ++record) {
+        if (windowEnd < offset + kMostTellingBytes) {
+            const std::uint64_t length =
+                std::min<std::uint64_t>(window.size(), ring_.Size() - offset);
+            if (length < kPacketHeaderSize || !ring_.Read(offset, window.data(), length)) {
+                return index;
+            }
+            windowAt = offset;
+            windowEnd = offset + length;
         }
-        const std::uint64_t length = std::min<std::uint64_t>(head.size(), ring_.Size() - offset);
-        if (length < kPacketHeaderSize || !ring_.Read(offset, head.data(), length)) {
-            return index;
-        }
-        const auto end = EndOf(HeaderOf(head.data()), offset, ring_.Size());
+        const unsigned char* const head =
+            &gsl::at(window, static_cast<gsl::index>(offset - windowAt));
+        const auto end = EndOf(HeaderOf(head), offset, ring_.Size());
         if (!end || *end > index) {
             return end && index - offset == kPacketHeaderSize ? offset : index;
         }
-        marks_.Note(offset, head.data(), *end - offset);
+        marks_.Note(offset, head, *end - offset);
         offset = *end;
     }
     return index;
-}
-
-/// The same without a look at the records ahead of it.
-std::optional<std::uint64_t> RingTap::PlaceAt(std::uint64_t index) const {
-    const std::uint64_t before = index - kPacketHeaderSize;
-    const auto header = ring_.HeaderAt(before);
-    const auto end =
-        header && header->length != 0 ? EndOf(*header, before, ring_.Size()) : std::nullopt;
-    if (!end) {
-        return index;
-    }
-    if (header->ignoreData && *end == ring_.Size()) {
-        return before;
-    }
-    // Behind a header the index is for a moment only; what a payload ends with may look like one.
-    const RingFields fields = ring_.Fields();
-    const std::uint64_t handedOn = (fields.rIdx[1] + fields.avail[1]) % ring_.Size();
-    const bool isAtRest = fields.wIdx[0] == index && handedOn == index;
-    return isAtRest ? std::optional(index) : std::nullopt;
 }
 
 void RingTap::BeginAt(std::uint64_t place, const LapStamp& stamp) {

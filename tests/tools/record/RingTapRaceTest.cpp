@@ -153,6 +153,7 @@ struct Seen {
     std::uint64_t torn = 0;    ///< packets that are none of the writer's
     std::uint64_t unsaid = 0;  ///< gaps that no overrun explains
     std::uint64_t backward = 0;
+    std::uint64_t firstFault = 0;  ///< the number expected then
 };
 
 /// Follows the ring until its end mark, or until nothing comes and the writer has gone.
@@ -182,6 +183,10 @@ Seen Tap(RingTap& tap, const Race& race, const std::function<bool()>& isOver) {
         }
         ++seen.packets;
         const auto number = packets.NumberOf(result.header, result.payload);
+        const bool isFault = !number || *number < next || (*number > next && !mayMiss);
+        if (isFault && seen.torn + seen.unsaid + seen.backward == 0) {
+            seen.firstFault = next;
+        }
         if (!number) {
             ++seen.torn;
             continue;
@@ -218,12 +223,12 @@ TEST_P(RingTapRace, EveryPacketIsIntactAndNoneIsMissedUnsaid) {
                info.si_pid == writer.Pid();
     };
     const Seen seen = Tap(tap, race, isOver);
-    EXPECT_EQ(seen.torn, 0U);
+    EXPECT_EQ(seen.torn, 0U) << "from " << seen.firstFault;
     const bool mayEscape = race.way == Way::InPlaceOfLarger;
     if (!mayEscape) {
-        EXPECT_EQ(seen.unsaid, 0U);
+        EXPECT_EQ(seen.unsaid, 0U) << "from " << seen.firstFault;
     }
-    EXPECT_EQ(seen.backward, 0U);
+    EXPECT_EQ(seen.backward, 0U) << "from " << seen.firstFault;
     EXPECT_EQ(writer.ExitCode(), 0);
     EXPECT_EQ(reader.ExitCode(), 0);
     if (seen.overruns == 0 && !mayEscape) {

@@ -276,7 +276,7 @@ TEST_F(RingTapTest, RingOfTwoRecordsALapIsFollowedWithoutOverruns) {
 }
 
 TEST_F(RingTapTest, RoomThatIsHeldForLongIsNoOverrun) {
-    for (const std::uint64_t room : {100, 600, 1000, 2300}) {
+    for (const std::uint64_t room : {100U, 600U, 1000U, 2300U}) {
         RingTap tap(FileOf(ring_), RingTap::Start::Now);
         InPlaceWriter writer(ring_.Node(0));
         for (int number = 1; number <= 200; ++number) {
@@ -294,19 +294,33 @@ TEST_F(RingTapTest, RoomThatIsHeldForLongIsNoOverrun) {
     }
 }
 
-/// Of more records than a tap looks at when it begins.
+TEST_F(RingTapTest, LapThatEndsAtTheVeryEndBeforeTheFirstLookIsDelivered) {
+    constexpr std::size_t kFifth = RingUnderTest::kSize / 5 - kPacketHeaderSize;
+    (void)ring_.Write(1, kFifth);
+    RingTap tap(FileOf(ring_), RingTap::Start::Lap);
+    for (int number = 2; number <= 5; ++number) {
+        (void)ring_.Write(number, kFifth);
+        Drain();
+    }
+    EXPECT_EQ(Story(tap), "1 2 3 4 5 ");
+    (void)ring_.Write(6, kFifth);
+    EXPECT_EQ(Story(tap), "6 ");
+}
+
 TEST(RingTapOfManyRecords, BeginsAtTheHeaderThatTheIndexHasPassedAlone) {
     constexpr std::uint64_t kSize = 4U << 20U;
-    constexpr int kRecords = 70'000;
+    constexpr int kRecords = 100'000;
     const UniqueRingName name;
     const auto ring = OpenRing({name.Name(), kSize, 0, false, 0});
     for (int number = 0; number < kRecords; ++number) {
         ASSERT_EQ(ring->WritePacket({}), SMStatusCode::SUCCESS);
     }
-    std::vector<unsigned char> zeros(300);
+    // What the index has behind it looks like a header with a payload to come.
+    std::vector<unsigned char> payload(300);
+    payload[300 - kPacketHeaderSize] = 100;
     Packet packet;
     packet.header.pts = 1;
-    packet.data = zeros;
+    packet.data = payload;
     ASSERT_EQ(ring->WritePacket(packet), SMStatusCode::SUCCESS);
     const Forgery forged(name.Path());
     const std::uint64_t end = forged->wIdx[0];
@@ -320,7 +334,7 @@ TEST(RingTapOfManyRecords, BeginsAtTheHeaderThatTheIndexHasPassedAlone) {
     RingTap withIt = tapOf();
     EXPECT_EQ(Story(withIt), "");
     forged->wIdx[0] = end;
-    EXPECT_EQ(Story(withIt), "");
+    EXPECT_EQ(Story(withIt), "1 ");
     packet.header.pts = 2;
     ASSERT_EQ(ring->WritePacket(packet), SMStatusCode::SUCCESS);
     EXPECT_EQ(Story(withIt), "2 ");
