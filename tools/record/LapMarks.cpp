@@ -7,12 +7,6 @@
 namespace qel {
 namespace {
 
-bool Stands(const RingFile& ring, std::uint64_t offset, const unsigned char* bytes,
-            std::size_t length) noexcept {
-    std::array<unsigned char, kMostTellingBytes> now{};
-    return ring.Read(offset, now.data(), length) && std::memcmp(now.data(), bytes, length) == 0;
-}
-
 bool HasTime(const PacketHeader& header) noexcept {
     return (header.pts != 0 && header.pts != -1) || header.timestampSec != 0 ||
            header.timestampUsec != 0;
@@ -85,6 +79,12 @@ void LapStamp::TellByPayload() noexcept {
     }
 }
 
+bool LapStamp::MatchesWholly(const LapStamp& now) const noexcept {
+    LapStamp whole = *this;
+    whole.TellByPayload();
+    return whole.Matches(now);
+}
+
 bool LapStamp::Matches(const LapStamp& now) const noexcept {
     return used_ != 0 && std::memcmp(bytes_.data(), now.bytes_.data(), used_) == 0;
 }
@@ -121,9 +121,33 @@ void LapMarks::Note(std::uint64_t offset, const unsigned char* record,
     Mark& mark = gsl::at(marks_, static_cast<gsl::index>(first));
     if (mark.length == 0 && !header.ignoreData) {
         mark.offset = offset;
-        mark.length = TellingBytes(header, by_);
+        mark.length = TellingBytes(header, ToldBy::Payload);
         std::memcpy(mark.bytes.data(), record, mark.length);
     }
+}
+
+void LapMarks::LookAhead(const unsigned char* records, std::uint64_t size) noexcept {
+    std::optional<PacketHeader> last = last_;
+    std::uint64_t place = 0;
+    while (by_ == ToldBy::Header && size - place >= kPacketHeaderSize) {
+        const PacketHeader header = HeaderOf(records + place);
+        if (!header.ignoreData) {
+            if (last && ShareTimes(*last, header)) {
+                by_ = ToldBy::Payload;
+            }
+            last = header;
+        }
+        const std::uint64_t length = header.length;
+        place += kPacketHeaderSize + std::min(length, size - place - kPacketHeaderSize);
+    }
+}
+
+bool LapMarks::Stands(const RingFile& ring, const Mark& mark) const noexcept {
+    std::array<unsigned char, kMostTellingBytes> now{};
+    const std::size_t telling =
+        mark.lap == kAtBegin ? mark.length : TellingBytes(HeaderOf(mark.bytes.data()), by_);
+    return ring.Read(mark.offset, now.data(), telling) &&
+           std::memcmp(now.data(), mark.bytes.data(), telling) == 0;
 }
 
 const LapMarks::Mark* LapMarks::Last(std::uint64_t from, std::uint64_t to) const noexcept {
@@ -137,7 +161,7 @@ const LapMarks::Mark* LapMarks::Last(std::uint64_t from, std::uint64_t to) const
 bool LapMarks::LastStands(const RingFile& ring, std::uint64_t from,
                           std::uint64_t to) const noexcept {
     const Mark* const mark = Last(from, to);
-    if (mark == nullptr || !Stands(ring, mark->offset, mark->bytes.data(), mark->length)) {
+    if (mark == nullptr || !Stands(ring, *mark)) {
         return false;
     }
     return mark->lap != kAtBegin || ManyOfBeginStand(ring, from, to);
@@ -150,7 +174,7 @@ bool LapMarks::ManyOfBeginStand(const RingFile& ring, std::uint64_t from,
     for (auto mark = marks_.rbegin(); mark != marks_.rend() && missing > 0; ++mark) {
         if (mark->lap == kAtBegin && mark->length != 0 && mark->offset >= from &&
             mark->offset <= to) {
-            if (!Stands(ring, mark->offset, mark->bytes.data(), mark->length)) {
+            if (!Stands(ring, *mark)) {
                 return false;
             }
             --missing;
@@ -167,7 +191,7 @@ bool LapMarks::HasReadOne(std::uint64_t from, std::uint64_t to) const noexcept {
 bool LapMarks::LastHasGone(const RingFile& ring, std::uint64_t from,
                            std::uint64_t to) const noexcept {
     const Mark* const mark = Last(from, to);
-    return mark != nullptr && !Stands(ring, mark->offset, mark->bytes.data(), mark->length);
+    return mark != nullptr && !Stands(ring, *mark);
 }
 
 }  // namespace qel

@@ -43,6 +43,9 @@ public:
     /// True if `now`, taken later, shows the same lap.
     [[nodiscard]] bool Matches(const LapStamp& now) const noexcept;
 
+    /// True if the first bytes of the payload are the same as well.
+    [[nodiscard]] bool MatchesWholly(const LapStamp& now) const noexcept;
+
     /// From now on by more of what was taken.
     void TellByPayload() noexcept;
 
@@ -81,7 +84,10 @@ public:
     /// Notes the record of `size` bytes, header included, that was read at `offset`.
     void Note(std::uint64_t offset, const unsigned char* record, std::uint64_t size) noexcept;
 
-    /// By payloads as soon as two packets in succession have been noted that share their times.
+    /// Looks at the headers of records that are to be noted, `size` bytes from the first one on.
+    void LookAhead(const unsigned char* records, std::uint64_t size) noexcept;
+
+    /// By payloads as soon as two packets in succession have been seen that share their times.
     [[nodiscard]] ToldBy By() const noexcept { return by_; }
 
     /// True if the last mark that begins at `from` or behind it, and at `to` or before it, is there
@@ -101,7 +107,7 @@ private:
     static constexpr std::uint64_t kAtBegin = 0;  ///< the lap of marks that TakeAll has taken
 
     struct Mark {
-        std::size_t length = 0;  ///< 0: there is none
+        std::size_t length = 0;  ///< of `bytes`; 0: there is none
         std::uint64_t offset = 0;
         std::uint64_t lap = 0;
         std::array<unsigned char, kMostTellingBytes> bytes{};
@@ -112,6 +118,7 @@ private:
     [[nodiscard]] bool ManyOfBeginStand(const RingFile& ring, std::uint64_t from,
                                         std::uint64_t to) const noexcept;
     [[nodiscard]] const Mark* Last(std::uint64_t from, std::uint64_t to) const noexcept;
+    [[nodiscard]] bool Stands(const RingFile& ring, const Mark& mark) const noexcept;
 
     std::uint64_t slice_;  ///< bytes of the ring that share a mark
     std::uint64_t lap_ = 1;

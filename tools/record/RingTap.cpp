@@ -66,7 +66,7 @@ std::optional<TapResult> RingTap::Parse() {
             want_ = std::max(size, kChunk);
             break;
         }
-        Note(record, size);
+        marks_.Note(position_, record, size);
         parsed_ = std::min(parsed_ + size, copied_);
         position_ = *end;
         bytesPassed_ += size;
@@ -78,14 +78,6 @@ std::optional<TapResult> RingTap::Parse() {
     const bool isTooShort = parsed_ < copied_ && limit_ - position_ < kPacketHeaderSize;
     copied_ = parsed_ = 0;
     return isTooShort ? std::optional(Damaged()) : std::nullopt;
-}
-
-void RingTap::Note(const unsigned char* record, std::uint64_t size) {
-    const ToldBy before = marks_.By();
-    marks_.Note(position_, record, size);
-    if (marks_.By() != before) {
-        stamp_.TellByPayload();
-    }
 }
 
 /// A record that was written has memory, however large the object says that it is.
@@ -131,11 +123,13 @@ RingTap::Look RingTap::CopyLap(std::uint64_t limit) {
         return Look::Nothing;
     }
     const auto after = LapStamp::Take(ring_, marks_.By());
-    if (!after || !stamp_.Matches(*after)) {
+    // Of the first packets it is not known yet whether they share their times.
+    const bool isFirst = position_ == 0;
+    if (!after || !(isFirst ? stamp_.MatchesWholly(*after) : stamp_.Matches(*after))) {
         copied_ = 0;
-        return Look::Data;  // nothing of it, but it is worth another look
+        lapDone_ = lapDone_ || isFirst;  // nothing of the lap was delivered: to be found anew
     }
-    return Look::Data;
+    return Look::Data;  // perhaps nothing of it, but then it is worth another look
 }
 
 /// Copies the rest of the present lap while the writer is in the next one.
@@ -235,6 +229,10 @@ bool RingTap::Copy(std::uint64_t limit) {
     copied_ = ring_.Read(position_, bytes_.data(), size) ? size : 0;
     limit_ = limit;
     want_ = kChunk;
+    marks_.LookAhead(bytes_.data(), copied_);
+    if (marks_.By() == ToldBy::Payload) {
+        stamp_.TellByPayload();
+    }
     Fence();
     return copied_ != 0;
 }

@@ -108,7 +108,6 @@ private:
     [[nodiscard]] bool Copy(std::uint64_t limit);
     [[nodiscard]] std::optional<std::uint64_t> EndOfWriting() const noexcept;
     [[nodiscard]] std::optional<TapResult> Parse();
-    void Note(const unsigned char* record, std::uint64_t size);
     [[nodiscard]] bool HasMemoryFor(std::uint64_t size) const;
     [[nodiscard]] TapResult Damaged();
 

@@ -14,7 +14,7 @@ void RingTap::TryBegin() {
     if (begun_) {
         return;
     }
-    const auto stamp = LapStamp::Take(ring_, marks_.By());
+    auto stamp = LapStamp::Take(ring_, marks_.By());
     const auto index = WriteIndex();
     if (!stamp || !index || ring_.Fields().initialised == 0) {
         return;
@@ -24,6 +24,9 @@ void RingTap::TryBegin() {
         marks_.TakeAll(ring_);
     } else {
         place = NoteLapUpTo(*index);
+    }
+    if (marks_.By() == ToldBy::Payload) {
+        stamp->TellByPayload();
     }
     std::atomic_thread_fence(std::memory_order_seq_cst);
     const auto after = LapStamp::Take(ring_, marks_.By());
@@ -68,9 +71,6 @@ std::uint64_t RingTap::NoteLapUpTo(std::uint64_t index) {
 
 void RingTap::BeginAt(std::uint64_t place, const LapStamp& stamp) {
     stamp_ = stamp;
-    if (marks_.By() == ToldBy::Payload) {
-        stamp_.TellByPayload();
-    }
     missed_ = false;
     lapDone_ = place < stamp.ContentEnd();
     position_ = lapDone_ || start_ == Start::Lap ? 0 : place;
