@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <stdexcept>
 
 #include "BuildKind.h"
@@ -18,6 +19,27 @@ constexpr double kQuarter = 0.25;
 std::uint64_t EntriesOf(const char* directory) {
     const std::filesystem::directory_iterator entries(directory);
     return static_cast<std::uint64_t>(std::distance(begin(entries), end(entries)));
+}
+
+/// True for a thread that has come to its end: who joins it is let go before /proc forgets it.
+bool IsEnding(const std::filesystem::path& task) {
+    constexpr int kFlagsAfterName = 7;             // fields of /proc/PID/stat
+    constexpr std::uint64_t kEnding = 0x00000004;  // PF_EXITING of the kernel
+    std::ifstream stat(task / "stat");
+    stat.ignore(std::numeric_limits<std::streamsize>::max(), ')');
+    std::string field;
+    for (int i = 0; i < kFlagsAfterName; ++i) {
+        stat >> field;
+    }
+    return !stat || (std::stoull(field) & kEnding) != 0;
+}
+
+std::uint64_t RunningThreads() {
+    std::uint64_t running = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        running += IsEnding(task.path()) ? 0 : 1;
+    }
+    return running;
 }
 
 /// Mappings of files, shared memory included. Of others the heap is one, that splits as it grows.
@@ -64,7 +86,7 @@ Resources MeasureResources() {
     Resources resources;
     resources.descriptors = EntriesOf("/proc/self/fd");
     resources.mappings = MappedFiles();
-    resources.threads = EntriesOf("/proc/self/task");
+    resources.threads = RunningThreads();
     resources.resident = MemoryOf("Rss");
     resources.own = MemoryOf("Anonymous");
     resources.heap = ::mallinfo2().uordblks;
