@@ -133,7 +133,7 @@ int UnlessInterrupted(const Action& action) {
     try {
         return action();
     } catch (const std::runtime_error&) {
-        if (Signals::Count() > 0) {
+        if (Signals::Any()) {
             return ExitInterrupted(Signals::First());
         }
         throw;
@@ -145,8 +145,8 @@ int RunBlockWrite(const BlockOptions& options) {
     RequireBlockSize(options.size);
     const InputFile input(options.file);
     Signals::Catch();
-    const Bytes content = ContentOf(input, options.size, [] { return Signals::Count() > 0; });
-    if (Signals::Count() > 0) {
+    const Bytes content = ContentOf(input, options.size, Signals::Any);
+    if (Signals::Any()) {
         return ExitInterrupted(Signals::First());
     }
     if (content.size() > options.size) {
@@ -177,8 +177,7 @@ int RunBlockRead(const BlockOptions& options) {
     return UnlessInterrupted([&] {
         Bytes content = CopyOf(*Opened<SharedMemoryBlockReader>(options.name));
         output.Begin();
-        const bool whole =
-            output.Write({content.data(), content.size()}, [] { return Signals::Count() > 0; });
+        const bool whole = output.Write({content.data(), content.size()}, Signals::Any);
         return whole ? 0 : ExitInterrupted(Signals::First());
     });
 }

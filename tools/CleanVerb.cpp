@@ -28,7 +28,7 @@ std::string LineOf(const Orphan& orphan) {
 }
 
 /// Tells what is kept of what was asked for.
-void Complain(const std::vector<std::string>& reasons) {
+void TellKept(const std::vector<std::string>& reasons) {
     for (const std::string& reason : reasons) {
         (void)std::fprintf(stderr, "qev clean: %s\n", reason.c_str());
     }
@@ -49,7 +49,7 @@ int Remove(const std::vector<Orphan>& orphans) {
     }
     Print(fmt::format("{} removed, {} freed\n", Counted(count, "object"),
                       BytesText(static_cast<double>(bytes))));
-    Complain(reasons);
+    TellKept(reasons);
     return reasons.empty() ? 0 : kExitFailure;
 }
 
@@ -69,7 +69,7 @@ int RunClean(const CleanOptions& options) {
         text = "there is nothing to remove\n";
     }
     Print(text);
-    Complain(search.kept);
+    TellKept(search.kept);
     const int status = search.kept.empty() ? 0 : kExitFailure;
     if (orphans.empty() || options.dryRun) {
         return status;

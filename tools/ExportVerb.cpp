@@ -23,16 +23,12 @@ struct ExportOptions {
     bool once = false;
 };
 
-void Complain(const std::string& reason) {
+void TellUnseen(const std::string& reason) {
     (void)std::fprintf(stderr, "qev export: %s\n", OneLine(reason).c_str());
 }
 
-bool IsStopped() {
-    return Signals::Count() > 0;
-}
-
 void WatchFor(RingWatcher& watcher, std::chrono::milliseconds time) {
-    watcher.WatchUntil(RingMeter::Clock::now() + time, IsStopped);
+    watcher.WatchUntil(RingMeter::Clock::now() + time, Signals::Any);
 }
 
 int PrintOnce(const ExportOptions& options) {
@@ -41,7 +37,7 @@ int PrintOnce(const ExportOptions& options) {
     const auto totals = std::make_shared<RingTotals>(RingTotals::Use::States);
     RingWatcher watcher(options.choice, totals);
     WatchFor(watcher, kWhile);
-    const ObjectCollector collector(options.choice, totals, Complain);
+    const ObjectCollector collector(options.choice, totals, TellUnseen);
     Print(prometheus::TextSerializer().Serialize(collector.Collect()));
     return 0;
 }
@@ -58,10 +54,10 @@ int ServeUntilStopped(const ExportOptions& options) {
     Signals::Catch();
     const auto totals = std::make_shared<RingTotals>(RingTotals::Use::Totals);
     RingWatcher watcher(options.choice, totals);
-    const MetricsServer server(address,
-                               std::make_shared<ObjectCollector>(options.choice, totals, Complain));
+    const MetricsServer server(
+        address, std::make_shared<ObjectCollector>(options.choice, totals, TellUnseen));
     Print(fmt::format("metrics at {}\n", server.Url()));
-    while (!IsStopped()) {
+    while (!Signals::Any()) {
         WatchFor(watcher, kRound);
     }
     return 0;

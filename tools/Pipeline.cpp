@@ -128,7 +128,7 @@ void Run::Watch(NodeChain& chain) {
         if (const auto end = chain.WaitForExit(Progress::kPeriod)) {
             TakeExit(*end, chain);
         }
-        if (Signals::Count() > 0) {
+        if (Signals::Any()) {
             board_->stopCutting = true;
         }
         if (Signals::Count() > 1 && !killed_) {

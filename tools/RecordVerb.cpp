@@ -177,7 +177,7 @@ int RunRecord(const RecordVerbOptions& given) {
         MatroskaProcess::RequireInstalled();
     }
     Signals::Catch();
-    const auto stop = [] { return Signals::Count() > 0; };
+    const auto stop = Signals::Any;
     RecordProgress progress;
     bool hasBegun = false;
     const auto begin = [&] {

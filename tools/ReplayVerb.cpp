@@ -42,10 +42,6 @@ bool IsMatroska(const InputFile& input) {
            begin == kMagic;
 }
 
-bool IsStopped() {
-    return Signals::Count() > 0;
-}
-
 /// A recording, from its start each time.
 class RecordingFile {
 public:
@@ -64,7 +60,7 @@ public:
         } else if (isRegular_ && lseek(fd, 0, SEEK_SET) != 0) {
             throw std::runtime_error("cannot go back to the start of " + input_.Path());
         }
-        source_ = std::make_unique<FileSource>(fd, input_.Path(), IsStopped);
+        source_ = std::make_unique<FileSource>(fd, input_.Path(), Signals::Any);
         return std::make_unique<PacketFileReader>(
             [this](const ByteSpan& buffer) { return source_->Read(buffer); }, input_.Path());
     }
@@ -138,7 +134,7 @@ int RunReplay(ReplayOptions options) {
         reader->SetLargestPayload(largest.value_or(0));
         return reader;
     };
-    Replay replay(options.replay, open, IsStopped);
+    Replay replay(options.replay, open, Signals::Any);
     const int status = RunSingleStage(
         "replay", options.stage,
         [&](SharedPacketBufferIF& buffer, const StageStops& stops, StageCounters& counters) {
@@ -149,7 +145,7 @@ int RunReplay(ReplayOptions options) {
     if (const std::string notes = NotesOn(replay); !notes.empty()) {
         (void)std::fprintf(stderr, "qev replay: %s\n", notes.c_str() + 2);
     }
-    if (!IsStopped()) {
+    if (!Signals::Any()) {
         file.FinishDemuxer();
     }
     return status;

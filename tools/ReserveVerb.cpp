@@ -59,7 +59,7 @@ Reservation WantedBy(const ReserveOptions& options) {
 int RunReserve(const ReserveOptions& options) {
     const Reservation wanted = WantedBy(options);
     Signals::Catch();
-    const auto text = Reserve(wanted, [] { return Signals::Count() > 0; });
+    const auto text = Reserve(wanted, Signals::Any);
     if (!text) {
         return ExitInterrupted(Signals::First());
     }

@@ -112,7 +112,7 @@ int RunPost(const SemOptions& options) {
     Signals::Catch();
     int posted = 0;
     try {
-        for (; posted < options.count && Signals::Count() == 0; ++posted) {
+        for (; posted < options.count && !Signals::Any(); ++posted) {
             semaphore.Post();
         }
     } catch (const std::runtime_error& failure) {
@@ -132,13 +132,13 @@ int RunWait(const SemOptions& options) {
     const auto deadline = DeadlineOf(options);
     const SystemSemaphore semaphore(name, SystemSemaphore::IfMissing::Create);
     Signals::Catch();
-    const StopPredicate interrupted = [] { return Signals::Count() > 0; };
+    const StopPredicate interrupted = Signals::Any;
     const int got =
         TakeAll(semaphore, options.count, [&] { return semaphore.Take(deadline, interrupted); });
     if (got == options.count) {
         return 0;
     }
-    if (Signals::Count() > 0) {
+    if (Signals::Any()) {
         return ExitInterrupted(Signals::First());
     }
     throw std::runtime_error(
@@ -153,12 +153,12 @@ int RunTry(const SemOptions& options) {
     int got = semaphore.Value();
     if (got >= options.count) {  // otherwise nothing is taken even for a moment
         got = TakeAll(semaphore, options.count,
-                      [&] { return Signals::Count() == 0 && semaphore.TryTake(); });
+                      [&] { return !Signals::Any() && semaphore.TryTake(); });
     }
     if (got == options.count) {
         return 0;
     }
-    if (Signals::Count() > 0) {
+    if (Signals::Any()) {
         return ExitInterrupted(Signals::First());
     }
     throw std::runtime_error(
@@ -187,7 +187,7 @@ void AddCount(const Verb& verb, const Options& options, const char* help) {
         ->option_text("N [1]");
 }
 
-Verb AddShow(CLI::App& group) {
+Verb AddShowUnits(CLI::App& group) {
     Verb verb = AddSemVerb(group, "show", "Tell the value of a semaphore", RunShow,
                            std::make_shared<SemOptions>());
     verb.command->footer(
@@ -260,7 +260,7 @@ std::vector<Verb> AddSemVerbs(CLI::App& app) {
         "Files:\n"
         "  /dev/shm/sem.NAME   the semaphore /NAME");
     group->require_subcommand(1);
-    return {AddShow(*group), AddPost(*group), AddWait(*group), AddTry(*group)};
+    return {AddShowUnits(*group), AddPost(*group), AddWait(*group), AddTry(*group)};
 }
 
 }  // namespace qel

@@ -7,16 +7,16 @@
 namespace qel {
 namespace {
 
-std::atomic<int> count{0};
-std::atomic<int> first{0};
+std::atomic<int> caught{0};
+std::atomic<int> firstCaught{0};
 static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler");
 
 constexpr std::array kRequests{SIGINT, SIGTERM, SIGHUP};
 
 void CountSignal(int signal) {
     int none = 0;
-    first.compare_exchange_strong(none, signal);
-    count.fetch_add(1);
+    firstCaught.compare_exchange_strong(none, signal);
+    caught.fetch_add(1);
 }
 
 }  // namespace
@@ -48,18 +48,22 @@ void Signals::Wait() {
     }
     // Blocked, so that none slips in between the look at the count and the wait.
     (void)sigprocmask(SIG_BLOCK, &requests, &before);
-    while (Count() == 0) {
+    while (!Any()) {
         (void)sigsuspend(&before);
     }
     (void)sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
+bool Signals::Any() noexcept {
+    return Count() > 0;
+}
+
 int Signals::Count() noexcept {
-    return count.load();
+    return caught.load();
 }
 
 int Signals::First() noexcept {
-    return first.load();
+    return firstCaught.load();
 }
 
 }  // namespace qel

@@ -12,6 +12,9 @@ public:
     /// Waits until one has arrived.
     static void Wait();
 
+    /// True once one has arrived.
+    [[nodiscard]] static bool Any() noexcept;
+
     /// How many arrived so far.
     [[nodiscard]] static int Count() noexcept;
 

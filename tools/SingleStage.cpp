@@ -17,7 +17,7 @@ namespace {
 class Patience {
 public:
     bool IsOver() {
-        if (Signals::Count() == 0) {
+        if (!Signals::Any()) {
             return false;
         }
         const auto now = std::chrono::steady_clock::now();
@@ -43,7 +43,7 @@ void AddStageOptions(CLI::App& command, SingleStage& stage) {
 int RunSingleStage(const std::string& verb, const SingleStage& stage, const StageBody& body) {
     Signals::Catch();
     const auto buffer = OpenStage(stage.ring, static_cast<std::uint8_t>(stage.node), stage.sink);
-    const auto interrupted = [] { return Signals::Count() > 0; };
+    const auto interrupted = Signals::Any;
     Patience patience;
     const bool isProducer = stage.node == 0;
     const StageStops stops{interrupted, isProducer

@@ -29,7 +29,7 @@ struct TopOptions {
 };
 
 bool IsInterrupted() {
-    return Signals::Count() > 0;
+    return Signals::Any();
 }
 
 void RequireThere(const Snapshot& snapshot, const std::vector<std::string>& names) {

@@ -87,7 +87,9 @@ public:
                 "the ring does not take a packet");
         while (true) {
             const unsigned char* payload = ring_.Read(header);
-            Require(payload != nullptr, "the ring does not give a packet");
+            if (payload == nullptr) {
+                throw std::runtime_error("the ring does not give a packet");
+            }
             const unsigned char first = header.ignoreData ? 0 : payload[0];
             ring_.Release(header.length);
             if (!header.ignoreData) {

@@ -22,10 +22,6 @@ using BlockLockFile = LockFileIOBase<SharedMemoryMetadata>;
 
 constexpr const char* kStartWriter = "start a writer with a size";
 
-void Add(Findings& all, Findings more) {
-    all.insert(all.end(), more.begin(), more.end());
-}
-
 /// Looks at one block.
 class BlockCheckup {
 public:

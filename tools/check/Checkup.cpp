@@ -22,10 +22,6 @@
 namespace qel {
 namespace {
 
-void Add(Findings& all, const Findings& more) {
-    all.insert(all.end(), more.begin(), more.end());
-}
-
 bool IsNamed(const std::vector<std::string>& names, const std::string& name) {
     return names.empty() || std::find(names.begin(), names.end(), name) != names.end();
 }

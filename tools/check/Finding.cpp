@@ -21,6 +21,10 @@ std::string_view WordOf(Severity severity) noexcept {
     return "note";
 }
 
+void Add(Findings& all, const Findings& more) {
+    all.insert(all.end(), more.begin(), more.end());
+}
+
 bool IsAnythingWrong(const Findings& findings) noexcept {
     return std::any_of(findings.begin(), findings.end(),
                        [](const auto& finding) { return finding.severity != Severity::Note; });

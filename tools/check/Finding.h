@@ -25,6 +25,9 @@ using Findings = std::vector<Finding>;
 /// "fault", "warning", "note".
 [[nodiscard]] std::string_view WordOf(Severity severity) noexcept;
 
+/// Puts `more` behind `all`.
+void Add(Findings& all, const Findings& more);
+
 /// True if there is anything but notes.
 [[nodiscard]] bool IsAnythingWrong(const Findings& findings) noexcept;
 

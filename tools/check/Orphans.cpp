@@ -27,15 +27,13 @@
 namespace qel {
 namespace {
 
-using Kind = Orphan::Kind;
-
-std::string PathOf(Kind kind, const std::string& name) {
+std::string PathOf(Orphan::Kind kind, const std::string& name) {
     switch (kind) {
-        case Kind::Ring:
+        case Orphan::Kind::Ring:
             return RingPath(name);
-        case Kind::Block:
+        case Orphan::Kind::Block:
             return BlockLockPath(name);
-        case Kind::Semaphore:
+        case Orphan::Kind::Semaphore:
             break;
     }
     return SystemSemaphore::PathOf(name);
@@ -83,9 +81,9 @@ public:
         : names_(names), processes_(processes) {}
 
     OrphanSearch Do() {
-        Look(Kind::Ring, RingNames());
-        Look(Kind::Block, BlockNames());
-        Look(Kind::Semaphore, SemaphoreNames());
+        Look(Orphan::Kind::Ring, RingNames());
+        Look(Orphan::Kind::Block, BlockNames());
+        Look(Orphan::Kind::Semaphore, SemaphoreNames());
         for (const std::string& name : names_) {
             if (std::find(found_.begin(), found_.end(), name) == found_.end()) {
                 search_.kept.push_back("there is no ring, block or semaphore " + OneLine(name));
@@ -95,7 +93,7 @@ public:
     }
 
 private:
-    void Look(Kind kind, const std::vector<std::string>& names) {
+    void Look(Orphan::Kind kind, const std::vector<std::string>& names) {
         for (const std::string& name : names) {
             if (names_.empty() || std::find(names_.begin(), names_.end(), name) != names_.end()) {
                 LookAt({kind, name, PathOf(kind, name)});
@@ -133,11 +131,11 @@ private:
             return use;
         }
         switch (orphan.kind) {
-            case Kind::Ring:
+            case Orphan::Kind::Ring:
                 return WhyNotRing(orphan, isAsked);
-            case Kind::Block:
+            case Orphan::Kind::Block:
                 return WhyNotBlock(orphan, isAsked);
-            case Kind::Semaphore:
+            case Orphan::Kind::Semaphore:
                 break;
         }
         return isAsked || orphan.status.st_size == sizeof(sem_t) ? "" : "it is no semaphore";
@@ -185,9 +183,9 @@ private:
 }  // namespace
 
 std::string Orphan::ObjectText() const {
-    const char* const word = kind == Kind::Ring    ? "ring"
-                             : kind == Kind::Block ? "block"
-                                                   : "semaphore";
+    const char* const word = kind == Orphan::Kind::Ring    ? "ring"
+                             : kind == Orphan::Kind::Block ? "block"
+                                                           : "semaphore";
     return fmt::format("{} {}", word, OneLine(name));
 }
 
@@ -210,7 +208,7 @@ std::string RemoveOrphan(const Orphan& orphan, const ProcessSurvey& processes) {
         return "another has taken its place";
     }
     // Who opens a ring with OpenRing, or a block, locks this file first.
-    if (orphan.kind != Kind::Semaphore && flock(file.Fd(), LOCK_EX | LOCK_NB) != 0) {
+    if (orphan.kind != Orphan::Kind::Semaphore && flock(file.Fd(), LOCK_EX | LOCK_NB) != 0) {
         return "somebody has locked it";
     }
     if (std::string use = UseOf(orphan.path, status, processes); !use.empty()) {

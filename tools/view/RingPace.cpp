@@ -7,8 +7,8 @@ namespace qel {
 namespace {
 
 constexpr double kGrowth = 4;
-constexpr double kLateness = 2.5;  // gaps that last so much longer than asked for prove nothing
-constexpr double kMemory = 0.75;   // weight of the steps before the last one
+constexpr double kLateness = 2.5;      // gaps that last so much longer than asked for prove nothing
+constexpr double kPersistence = 0.75;  // weight of the steps before the last one
 constexpr unsigned kWindowSteps = 4;
 constexpr std::chrono::microseconds kShortestWindow{50};
 constexpr double kCloser = 3;
@@ -68,8 +68,8 @@ RingPace::Step RingPace::Take(Clock::time_point now, std::uint64_t moved) noexce
     const bool isOnset = step.isKnown && bytes_ < 1 && moved != 0 && gap_ > kShortestGap;
     const bool isSuspect = isOnset || (step.isKnown && length > gap_ * kLateness);
     if (step.isKnown) {
-        bytes_ = bytes_ * kMemory + bytes;
-        time_ = time_ * kMemory + length;
+        bytes_ = bytes_ * kPersistence + bytes;
+        time_ = time_ * kPersistence + length;
     }
     if (isSuspect) {
         Suspect(length);
