@@ -22,7 +22,8 @@ inline void OnLog(const gchar* domain, GLogLevelFlags level, const gchar* text, 
 
 /// Starts GStreamer without looking for the plugins of this machine, which no test needs.
 inline void InitWithoutPlugins() {
-    ::setenv("GST_REGISTRY_UPDATE", "no", 1);
+    ::setenv("GST_PLUGIN_SYSTEM_PATH_1_0", "", 1);
+    ::setenv("GST_PLUGIN_PATH_1_0", "", 1);
     ::setenv("GST_REGISTRY_1_0", "/dev/null/none", 1);  // where not even root can make one
     gst_init(nullptr, nullptr);
     (void)g_log_set_default_handler(OnLog, nullptr);
