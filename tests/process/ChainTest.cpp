@@ -8,6 +8,7 @@
 
 #include "BuildKind.h"
 #include "ChildProcess.h"
+#include "LongForm.h"
 #include "OpenBuffer.h"
 #include "SegmentFile.h"
 #include "Stages.h"
@@ -18,8 +19,12 @@ namespace {
 
 constexpr std::uint64_t kRingSize = 256 << 10;
 constexpr std::size_t kLargestPayload = 2000;
-constexpr std::uint64_t kPackets = kSlowBuild ? 50000 : 1000000;
 constexpr unsigned kNodes = 5;
+
+/// How many packets go through the chain.
+std::uint64_t Packets() {
+    return kSlowBuild ? 50000 : IsLongForm() ? 1000000 : 100000;
+}
 
 SharedBufferIF::BufferInfo InfoOf(const std::string& name, unsigned node, std::uint32_t maxFrames) {
     return {name, kRingSize, static_cast<std::uint8_t>(node), node + 1 == kNodes, maxFrames};
@@ -35,8 +40,8 @@ int Stage(const Arguments& arguments) {
     const std::size_t held = node == 2 ? 3 : node == 3 ? 5 : 0;
     const Stop stop{false};  // the parent ends a stage that waits for a failed one
     const StageCounts counts = node == 0
-                                   ? Produce(*buffer, packets, kPackets, stop)
-                                   : PassOn(*buffer, packets, kPackets, held, node == 3, stop);
+                                   ? Produce(*buffer, packets, Packets(), stop)
+                                   : PassOn(*buffer, packets, Packets(), held, node == 3, stop);
     std::cout << counts.packets << ' ' << counts.fillers << ' ' << counts.waits << std::endl;
     return EXIT_SUCCESS;
 }
@@ -65,7 +70,7 @@ StageCounts ChainOfFiveProcesses::RunStages() {
         StageCounts counts;
         std::istringstream(stages.at(node).Hear()) >> counts.packets >> counts.fillers >>
             counts.waits;
-        EXPECT_EQ(counts.packets, kPackets) << "node " << node;
+        EXPECT_EQ(counts.packets, Packets()) << "node " << node;
         std::cout << "node " << node << ": " << counts.packets << " packets, " << counts.fillers
                   << " fillers, " << counts.waits << " waits\n";
         sink = counts;
@@ -90,7 +95,7 @@ void ChainOfFiveProcesses::ExpectRest() const {
 TEST_P(ChainOfFiveProcesses, MovesPacketsOfRandomSizesWholeAndInOrderAndComesToRest) {
     const StageCounts sink = RunStages();
     // Nearly every lap leaves a rest that a filler covers.
-    EXPECT_GT(sink.fillers, kPackets * (kLargestPayload / 2) / kRingSize / 2);
+    EXPECT_GT(sink.fillers, Packets() * (kLargestPayload / 2) / kRingSize / 2);
     ExpectRest();
 }
 

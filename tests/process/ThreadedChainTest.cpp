@@ -104,8 +104,8 @@ INSTANTIATE_TEST_SUITE_P(
     Traffic, ChainOfThreads,
     ::testing::Values(
         Traffic{"TwoNodes", 2, 0, 700, 50000}, Traffic{"TwoNodesWithALimit", 2, 8, 700, 50000},
-        Traffic{"ThreeNodes", 3, 0, 700, 50000}, Traffic{"ThreeNodesWithALimit", 3, 8, 700, 50000},
-        Traffic{"FiveNodes", 5, 0, 700, 50000}, Traffic{"FiveNodesWithALimit", 5, 8, 700, 50000},
+        Traffic{"ThreeNodes", 3, 0, 700, 50000}, Traffic{"ThreeNodesWithALimit", 3, 8, 700, 20000},
+        Traffic{"FiveNodes", 5, 0, 700, 50000}, Traffic{"FiveNodesWithALimit", 5, 8, 700, 10000},
         Traffic{"SmallPackets", 2, 0, 8, kSlowBuild ? 50000 : 1000000},
         Traffic{"SmallPacketsWithALimit", 2, 50, 8, kSlowBuild ? 50000 : 1000000}),
     [](const auto& traffic) { return std::string(traffic.param.name); });
