@@ -31,6 +31,19 @@ function(qev_quick_to_build target)
     endif()
 endfunction()
 
+# qev_fuzzed(target): a target whose code guides the fuzzers, in a build that has them.
+function(qev_fuzzed target)
+    if(QEV_FUZZING)
+        target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+    endif()
+endfunction()
+
+# qev_apart(sources...): sources that a unity build compiles by themselves, since what they keep in an
+# unnamed namespace has the names of what others keep there.
+function(qev_apart)
+    set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+endfunction()
+
 # qev_library(name VERSION_SCRIPT file SOURCES ... HEADERS ...): the shared library
 # libqev_<name>.so, exported as qev::<name>, and its static twin qev_<name>_static of the same
 # objects, for tests of what the library keeps to itself. Both take what is linked to
@@ -40,7 +53,11 @@ function(qev_library name)
     set(objects qev_${name}_objects)
     add_library(${objects} OBJECT ${arg_SOURCES})
     qev_settings(${objects})
+    qev_fuzzed(${objects})
     set_target_properties(${objects} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    if(NOT QEV_UNITY_LIBRARIES)  # tests bring sources of their own in place of some
+        set_target_properties(${objects} PROPERTIES UNITY_BUILD OFF)
+    endif()
     target_include_directories(${objects} PRIVATE include src)
 
     add_library(qev_${name} SHARED)

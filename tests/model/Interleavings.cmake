@@ -10,6 +10,8 @@ set(ring_sources CopyPastCache.cpp SharedBuffer.cpp SharedBufferRead.cpp SharedB
 # qev_stepped_objects(target SOURCES...): objects that report their accesses.
 function(qev_stepped_objects target)
     add_library(${target} OBJECT ${ARGN})
+    # One by one, since a mutant takes the place of one.
+    set_target_properties(${target} PROPERTIES UNITY_BUILD OFF)
     qev_settings(${target})
     target_compile_options(${target} PRIVATE -O1 -fsanitize=thread)
     target_link_libraries(${target} PRIVATE qev_SharedMemory_static)
