@@ -28,10 +28,6 @@ struct TopOptions {
     CLI::Option* countOption = nullptr;
 };
 
-bool IsInterrupted() {
-    return Signals::Any();
-}
-
 void RequireThere(const Snapshot& snapshot, const std::vector<std::string>& names) {
     const auto isNamed = [](const std::string& name) {
         return [&name](const auto& row) { return row.name == name; };
@@ -57,12 +53,12 @@ int PrintFigures(const TopOptions& options) {
     for (unsigned printed = 0; printed < options.count || options.count == 0; ++printed) {
         end += interval;
         collector.WatchUntil(end, [](Clock::duration length) {
-            if (!IsInterrupted()) {
+            if (!Signals::Any()) {
                 SleepFor(length);
             }
-            return IsInterrupted();
+            return Signals::Any();
         });
-        if (IsInterrupted()) {
+        if (Signals::Any()) {
             return ExitInterrupted(Signals::First());
         }
         const Snapshot snapshot = collector.Take();
@@ -77,7 +73,7 @@ int RunLive(const TopOptions& options) {
         throw UsageError(
             "standard input and output are to be a terminal; without one, --once or --json");
     }
-    ShowLive(options.live, IsInterrupted);
+    ShowLive(options.live, Signals::Any);
     const int signal = Signals::First();
     return signal == 0 || signal == SIGINT ? 0 : ExitInterrupted(signal);
 }

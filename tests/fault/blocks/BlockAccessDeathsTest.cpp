@@ -8,7 +8,6 @@
 #include <new>
 
 #include "BlockTable.h"
-#include "BuildKind.h"
 #include "DeathTable.h"
 #include "LongForm.h"
 #include "Stage.h"
@@ -62,10 +61,6 @@ std::string StepOfAccess(const AccessTrap::Record& record, std::uint64_t number)
 class AConstructor : public ::testing::TestWithParam<Scene> {
 protected:
     void SetUp() override {
-        if (kThreadSanitizer) {
-            GTEST_SKIP()
-                << "the race detector holds a lock while it copies, so it cannot be stopped";
-        }
         if (const char* const reason = AccessTrap::WhyNot()) {
             GTEST_SKIP() << reason;
         }

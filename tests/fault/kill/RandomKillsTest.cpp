@@ -9,7 +9,6 @@
 #include <sstream>
 
 #include "AccessTrap.h"
-#include "BuildKind.h"
 #include "DeathTable.h"
 #include "Examination.h"
 #include "KillableChain.h"
@@ -83,7 +82,7 @@ std::uint64_t Seed() {
 }
 
 int Kills() {
-    return IsLongForm() ? 10000 : kThreadSanitizer ? 50 : 150;
+    return IsLongForm() ? 10000 : 150;
 }
 
 class RandomKills : public testing::TestWithParam<std::uint32_t> {
